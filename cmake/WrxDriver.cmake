@@ -1,0 +1,56 @@
+# The driver is compiled twice from the same sources: as the shipped plug-in, which uses the
+# absolute paths of the system, and as an object library for the tests, whose paths are relative
+# ("./etc/…"), so that each test process works in a scratch folder of its own.
+
+set(WRX_DRIVER_SOURCES "")
+foreach(room frame operations protocol transport upgrade)
+  file(GLOB room_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${room}/*.cpp)
+  list(APPEND WRX_DRIVER_SOURCES ${room_sources})
+endforeach()
+
+if(WRX_FRAMEWORK STREQUAL "system")
+  pkg_check_modules(FRAMEWORK REQUIRED IMPORTED_TARGET ${WRX_FRAMEWORK_PKG})
+  set(framework PkgConfig::FRAMEWORK)
+  set(framework_header ${WRX_FRAMEWORK_HEADER})
+else()
+  set(framework biometric)
+  set(framework_header libbiometric.h)
+endif()
+
+# wrx_driver_objects(NAME ROOT): the driver's objects, with ROOT put before every system path.
+function(wrx_driver_objects name root)
+  add_library(${name} OBJECT ${WRX_DRIVER_SOURCES})
+  target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include)
+  target_compile_definitions(${name}
+    PUBLIC WRX_FRAMEWORK_HEADER=<${framework_header}>
+    PRIVATE WRX_ROOT="${root}")
+  target_compile_options(${name} PRIVATE
+    -fno-exceptions -fno-rtti -fvisibility=hidden -fvisibility-inlines-hidden)
+  target_link_libraries(${name}
+    PUBLIC ${framework} PkgConfig::GLIB PkgConfig::LIBUSB
+    PRIVATE wrx_warnings)
+endfunction()
+
+# wrx_plugin(NAME ROOT): a loadable plug-in NAME.so.
+function(wrx_plugin name root)
+  wrx_driver_objects(${name}_objects "${root}")
+  add_library(${name} MODULE)
+  set_target_properties(${name} PROPERTIES PREFIX "" OUTPUT_NAME ${name}
+    LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+  target_link_libraries(${name} PRIVATE ${name}_objects)
+  # The host may have symbols of our names; none of them may take a call of the driver's.
+  target_link_options(${name} PRIVATE -Wl,-Bsymbolic-functions -Wl,--as-needed)
+  if(NOT WRX_SANITIZE)
+    target_link_options(${name} PRIVATE -Wl,-z,defs)
+  endif()
+endfunction()
+
+wrx_plugin(wrx5300 "")
+# The same plug-in with its system paths below the build tree, for demonstrations that need
+# configuration files and a firmware image without touching the machine's own.
+wrx_plugin(wrx5300-scratch "${CMAKE_BINARY_DIR}/scratch")
+wrx_driver_objects(wrx_driver_for_tests ".")
+
+set(WRX_PLUGIN_DIR ${CMAKE_INSTALL_LIBDIR}/biometric-authentication/drivers CACHE STRING
+    "where the framework looks for its drivers")
+install(TARGETS wrx5300 LIBRARY DESTINATION ${WRX_PLUGIN_DIR})

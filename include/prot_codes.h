@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The code tables of the module's packet protocol.
+#pragma once
+
+#include <cstdint>
+
+/// Packet types.
+enum _PROT_TYPE_ENUM_ : uint8_t {
+  PROT_TYPE_CMD = 1,      ///< command, the only type the driver sends
+  PROT_TYPE_DATA = 2,     ///< intermediate data packet: accepted and dropped
+  PROT_TYPE_RESPOND = 7,  ///< response: confirm code and result bytes
+  PROT_TYPE_END = 8,      ///< last or only data packet: a bulk result
+};
+
+/// Command codes. The prefix of 176 to 240 is PORT_, in the module's manual and here.
+enum _PROT_CMD_ENUM_ : uint8_t {
+  PROT_CMD_GETIMAGE = 1,
+  PROT_CMD_GENCHAR = 2,
+  PROT_CMD_MATCH = 3,
+  PROT_CMD_SEARCH = 4,
+  PROT_CMD_REGMODEL = 5,
+  PROT_CMD_STORECHAR = 6,
+  PROT_CMD_LOADCHAR = 7,
+  PROT_CMD_UPCHAR = 8,
+  PROT_CMD_DOWNCHAR = 9,
+  PROT_CMD_UPIMAGE = 10,
+  PROT_CMD_DOWNIMAGE = 11,
+  PROT_CMD_DELCHAR = 12,
+  PROT_CMD_EMPTY = 13,
+  PROT_CMD_READSYSPARA = 15,
+  PROT_CMD_SETPWD = 18,
+  PROT_CMD_VFYPWD = 19,
+  PROT_CMD_SETCHIPADDR = 21,
+  PROT_CMD_READINFOPAGE = 22,
+  PROT_CMD_HIGHSPEEDSEARCH = 27,
+  PROT_CMD_VALIDTEMPLATENUM = 29,
+  PROT_CMD_READINDEXTABLE = 31,
+  PROT_CMD_GETENROLLIMAGE = 41,
+  PROT_CMD_CANCEL = 48,
+  PROT_CMD_AUTOENROLL = 49,
+  PROT_CMD_AUTOIDENTIFY = 50,
+  PROT_CMD_SLEEP = 51,
+  PROT_CMD_GETCHIPSN = 52,
+  PROT_CMD_HANDSHAKE = 53,
+  PROT_CMD_CHECKSENSOR = 54,
+  PROT_CMD_IIC_LED_CONTROL = 64,
+  PROT_CMD_PS_PC_STATE = 80,
+  PROT_CMD_TEST_TYPE = 175,  ///< carrier of the sub-commands
+  PORT_CMD_SET_BRIGHTNESS = 176,
+  PORT_CMD_GET_BRIGHTNESS = 177,
+  PORT_CMD_SET_CONTRAST = 178,
+  PORT_CMD_GET_CONTRAST = 179,
+  PORT_CMD_GET_MAXSIZEOFIMAGE = 180,
+  PORT_CMD_SET_SIZEOFIMAGE = 181,
+  PORT_CMD_GET_SIZEOFIMAGE = 182,
+  PORT_CMD_READYCAPIMAGE = 183,
+  PORT_CMD_STARTCAPIMAGE = 184,
+  PORT_CMD_ENDCAPIMAGE = 185,
+  PORT_CMD_ACQUIRE_IMAGEDATA = 240,  ///< never sent: the code expected while an image is read
+  PROT_CMD_RTBOOT = 255,
+};
+
+/// Sub-commands: the first parameter byte of PROT_CMD_TEST_TYPE.
+enum _PROT_SUBCMD_ENUM_ : uint8_t {
+  PROT_SUBCMD_READ_FW = 16,
+  PROT_SUBCMD_RW_REG = 17,
+  PROT_SUBCMD_FP_DOWN = 19,
+  PROT_SUBCMD_SIMFP_DOWN = 20,
+  PROT_SUBCMD_DEADPIXEL = 24,
+  PROT_SUBCMD_CLEAR_IRQ = 25,
+  PROT_SUBCMD_SENSORINIT = 34,
+  PROT_SUBCMD_SELFCHECK = 49,
+  PROT_SUBCMD_SPI_TEST = 50,
+  PROT_SUBCMD_OTP_WRITE = 52,
+  PROT_SUBCMD_OTP_READ = 53,
+  PROT_SUBCMD_SPI_INT = 54,
+  PROT_SUBCMD_I2C_INT = 55,
+  PROT_SUBCMD_RECOVER_FACTORY = 56,
+  PROT_SUBCMD_EXFLASH_ID = 57,
+  PROT_SUBCMD_SET_MODE = 189,
+};
+
+/// Confirm codes: the first payload byte of every response. 0xFF in a result field means that
+/// nothing was reported yet.
+enum _PROT_CMD_RESP_ENUM_ : uint8_t {
+  PROT_RESP_OK = 0,
+  PROT_RESP_DATA_RECV_ERR = 1,
+  PROT_RESP_NO_FINGER = 2,
+  PROT_RESP_ENROLL_FAULT = 3,
+  PROT_RESP_IMG_TOO_DRY = 4,
+  PROT_RESP_IMG_TOO_WET = 5,
+  PROT_RESP_IMG_TOO_CHAOTIC = 6,
+  PROT_RESP_FEATURE_TOO_LOW = 7,
+  PROT_RESP_FPRINT_MISMATCH = 8,
+  PROT_RESP_FPRINT_NOT_FIND = 9,
+  PROT_RESP_FEATURE_MERGE_FAULT = 10,
+  PROT_RESP_ADDR_OUT_RANGE = 11,
+  PROT_RESP_READ_TEMPLATE_FAULT = 12,
+  PROT_RESP_UPLOAD_FEATURE_FAULT = 13,
+  PROT_RESP_CANT_RECV_PKG = 14,
+  PROT_RESP_UPLOAD_IMG_FAULT = 15,
+  PROT_RESP_DEL_TEMPLATE_FAULT = 16,
+  PROT_RESP_CLEAN_FPRINTLIB_FAULT = 17,
+  PROT_RESP_CANTBE_LOWPOWER_STATE = 18,
+  PROT_RESP_CMD_ERR = 19,
+  PROT_RESP_RESET_FAULT = 20,
+  PROT_RESP_NO_RAWIMG_IN_BUFFER = 21,
+  PROT_RESP_UPGRADE_FAULT = 22,
+  PROT_RESP_FINGER_NO_MOVE = 23,
+  PROT_RESP_WR_FLASH_FAULT = 24,
+  PROT_RESP_CREATE_RANDOM_NUM_FAULT = 25,
+  PROT_RESP_NOT_VALID_REG_NUM = 26,
+  PROT_RESP_REG_VALUE_ERR = 27,
+  PROT_RESP_NOTEPAD_PAGE_NUM_ERR = 28,
+  PROT_RESP_OPT_PORT_FAULT = 29,
+  PROT_RESP_AUTO_REGISTER_FAULT = 30,
+  PROT_RESP_FPRINTLIB_FULL = 31,
+  PROT_RESP_DEV_ADDR_ERR = 32,
+  PROT_RESP_PASSWORD_ERR = 33,
+  PROT_RESP_TEMPLATE_NOT_EMPTY = 34,
+  PROT_RESP_TEMPLATE_EMPTY = 35,
+  PROT_RESP_FPRINTLIB_EMPTY = 36,
+  PROT_RESP_ENROLL_TIMES_ERR = 37,
+  PROT_RESP_TIMEOUT = 38,
+  PROT_RESP_FPRINT_EXIST = 39,
+  PROT_RESP_TEMPLATE_RELATED = 40,
+  PROT_RESP_SENSOR_INIT_FAULT = 41,
+  PROT_RESP_POSITION_REPEATED = 48,
+  PROT_RESP_FPRINT_QUALITY_BAD = 49,
+  PROT_RESP_FPRINT_AREA_TOO_SMALL = 50,
+  PROT_RESP_DATA_RECV_OK = 240,
+  PROT_RESP_DATA_CMD_RECV_OK = 241,
+  PROT_RESP_PROG_FLASH_CHECKSUM_ERR = 242,
+  PROT_RESP_PROG_FLASH_PKGTYPE_ERR = 243,
+  PROT_RESP_PROG_FLASH_PKGLEN_ERR = 244,
+  PROT_RESP_PROG_FLASH_PKGLEN_TOO_LANG = 245,
+  PROT_RESP_PROG_FLASH_FAULT = 246,
+};
+
+/// A second, shorter vocabulary of the module; not used on this wire.
+enum _CONFIRM_CODE_ENUM_ : uint8_t {
+  CONFIRM_CODE_SUCCESS = 0,
+  CONFIRM_CODE_CMD_ERROR = 1,
+  CONFIRM_CODE_EXECUTE_FAILED = 2,
+};
+
+/// The protocol's control flag: why a waiting loop is to end, or ended.
+enum _FP_CONTROL_FLAG_ENUM_ : int32_t {
+  FP_CONTROL_FLAG_IDLE = 0,
+  FP_CONTROL_FLAG_STOPPED = 1,             ///< the user asked to stop
+  FP_CONTROL_FLAG_TIMEOUT = 2,             ///< the operation timed out
+  FP_CONTROL_FLAG_DEV_NOT_EXIST = 3,       ///< the module went away
+  FP_CONTROL_FLAG_ENROLLID_OUT_RANGE = 4,  ///< the module refused the enrol slot
+};
+
+namespace wrx {
+
+/// A result field that has had no answer.
+inline constexpr uint8_t kNoAnswer = 0xFF;
+/// No slot: ends a list of slots.
+inline constexpr uint16_t kNoSlot = 0xFFFF;
+/// Entries of a list of matching slots.
+inline constexpr int kMaxMatches = 20;
+
+}  // namespace wrx

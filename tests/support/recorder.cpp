@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Recording of scenarios and comparison with golden files.
+#include "support/recorder.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+
+#include "support/virtual_clock.h"
+
+#ifndef WRX_GOLDEN_DIR
+#error "the build names the folder of golden files in WRX_GOLDEN_DIR"
+#endif
+
+namespace wrx_test {
+
+namespace {
+Recorder* active_recorder = nullptr;
+
+int64_t now_ms() {
+  VirtualClock* clock = VirtualClock::active();
+  return clock != nullptr ? clock->now_ms() : 0;
+}
+
+// A driver's line as golden files have it: "#" for the line number of a prefix, and paths as they
+// are without the scratch folder.
+std::string settled(const std::string& line) {
+  static const std::regex prefix(
+      R"((\[|^|=)(wrx7700|operations|app_fp256_360|usb_device|upgrade):\d+:)");
+  static const std::regex path(R"(\./(etc|sys)/)");
+  return std::regex_replace(std::regex_replace(line, prefix, "$1$2:#:"), path, "/$1/");
+}
+}  // namespace
+
+Recorder::Recorder() {
+  std::fflush(stdout);
+  system_stdout_ = stdout;
+  cookie_io_functions_t functions = {};
+  functions.write = &Recorder::write;
+  stream_ = fopencookie(this, "w", functions);
+  std::setvbuf(stream_, nullptr, _IONBF, 0);
+  stdout = stream_;
+  active_recorder = this;
+}
+
+Recorder::~Recorder() {
+  active_recorder = nullptr;
+  stdout = system_stdout_;
+  std::fclose(stream_);
+}
+
+Recorder* Recorder::active() { return active_recorder; }
+
+ssize_t Recorder::write(void* self, const char* bytes, size_t size) {
+  auto& recorder = *static_cast<Recorder*>(self);
+  const std::lock_guard lock(recorder.mutex_);
+  for (size_t i = 0; i < size; ++i) {
+    if (bytes[i] == '\n') {
+      recorder.lines_.push_back(settled(recorder.open_line_));
+      recorder.open_line_.clear();
+    } else if (bytes[i] == '\r') {
+      recorder.open_line_ += "\\r";
+    } else {
+      recorder.open_line_ += bytes[i];
+    }
+  }
+  return static_cast<ssize_t>(size);
+}
+
+void Recorder::finish_open_line() {
+  if (open_line_.empty()) return;
+  lines_.push_back(settled(open_line_) + "\\");
+  open_line_.clear();
+}
+
+void Recorder::note(const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  finish_open_line();
+  lines_.push_back("@ t=" + std::to_string(now_ms()) + " " + text);
+}
+
+void Recorder::usb(const wrx_module::TraceRecord& record) {
+  const std::lock_guard lock(mutex_);
+  finish_open_line();
+  lines_.push_back(wrx_module::trace_line(record));
+}
+
+std::vector<std::string> Recorder::lines() {
+  const std::lock_guard lock(mutex_);
+  finish_open_line();
+  return lines_;
+}
+
+std::vector<std::string> Recorder::driver_lines() {
+  std::vector<std::string> result = lines();
+  std::erase_if(result, [](const std::string& line) { return line.rfind("@ ", 0) == 0; });
+  return result;
+}
+
+int Recorder::count(const std::string& text) {
+  const std::vector<std::string> all = lines();
+  return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const std::string& line) {
+    return line.find(text) != std::string::npos;
+  }));
+}
+
+bool Recorder::saw(const std::string& text) { return count(text) > 0; }
+
+void Recorder::clear() {
+  const std::lock_guard lock(mutex_);
+  lines_.clear();
+  open_line_.clear();
+}
+
+std::string quoted(const char* text) {
+  std::string result = "\"";
+  for (const char* c = text; *c != '\0'; ++c) {
+    switch (*c) {
+      case '\n':
+        result += "\\n";
+        break;
+      case '\r':
+        result += "\\r";
+        break;
+      case '"':
+      case '\\':
+        result += '\\';
+        [[fallthrough]];
+      default:
+        result += *c;
+    }
+  }
+  return result + "\"";
+}
+
+std::string golden_difference(const std::string& name, const std::vector<std::string>& lines) {
+  const std::string path = std::string(WRX_GOLDEN_DIR) + "/" + name + ".txt";
+  if (std::getenv("WRX_UPDATE_GOLDEN") != nullptr) {
+    std::ofstream out(path);
+    for (const std::string& line : lines) out << line << '\n';
+    return out ? "" : "cannot write " + path;
+  }
+  std::ifstream in(path);
+  if (!in) return "cannot read " + path;
+  std::string expected;
+  size_t number = 0;
+  while (std::getline(in, expected)) {
+    if (number >= lines.size()) {
+      return path + ":" + std::to_string(number + 1) + ": the trace ends before\n  " + expected;
+    }
+    if (lines[number] != expected) {
+      return path + ":" + std::to_string(number + 1) + ": expected\n  " + expected + "\ngot\n  " +
+             lines[number];
+    }
+    ++number;
+  }
+  if (number < lines.size()) return path + ": the trace goes on with\n  " + lines[number];
+  return "";
+}
+
+}  // namespace wrx_test

@@ -1,0 +1,234 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The rig: setting up and taking down the world around the driver.
+#include "support/rig.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "frame/driver.h"
+#include "log.h"
+#include "module/script.h"
+#include "paths.h"
+#include "transport/usb_device.h"
+
+namespace wrx_test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kExtraConfig[] = "etc/biometric-auth/extra.conf.d/vestrel-m6600.conf";
+constexpr char kHostConfig[] = "etc/biometric-auth/biometric-drivers.conf";
+
+// A new folder that becomes the working directory, and with it the root of the driver's paths.
+std::string enter_scratch_folder() {
+  std::string folder = (fs::temp_directory_path() / "wrx-test-XXXXXX").string();
+  if (mkdtemp(folder.data()) == nullptr || chdir(folder.c_str()) != 0) std::abort();
+  for (const char* path : {"etc/biometric-auth/extra.conf.d", "etc/wrx6600/extra", "sys"}) {
+    fs::create_directories(path);
+  }
+  return folder;
+}
+
+std::vector<Stored> in_few_words(const feature_info* list) {
+  std::vector<Stored> result;
+  for (; list != nullptr; list = list->next) {
+    Stored stored = {list->uid, list->index, {}};
+    for (const feature_sample* s = list->sample; s != nullptr; s = s->next) {
+      stored.slots.push_back(s->no);
+    }
+    result.push_back(stored);
+  }
+  return result;
+}
+
+std::vector<Stored> take(feature_info* list) {
+  std::vector<Stored> result = in_few_words(list);
+  bio_sto_free_feature_info_list(list);
+  return result;
+}
+
+std::string range(int start, int end) {
+  return " " + std::to_string(start) + ".." + std::to_string(end);
+}
+
+}  // namespace
+
+wrx_module::Settings Rig::instant() {
+  wrx_module::Settings settings;
+  settings.link.empty_read = wrx_module::EmptyRead::answers_empty;
+  return settings;
+}
+
+Rig::Rig(wrx_module::Settings settings)
+    : device(clock, std::move(settings)), scratch_(enter_scratch_folder()) {
+  wrx_module::bus().reset();
+  wrx_module::bus().set_clock(clock);
+  wrx_module::bus().set_trace([this](const wrx_module::TraceRecord& record) { trace.usb(record); });
+  wrx_module::bus().attach(device);
+  bio_host_set_db_path("feature.db");
+  bio_host_set_ops_timeout_ms(5000);
+  extra_config("");
+  host_config("");
+  clock.on_sleep = [this](int64_t us) { trace.note("sleep " + std::to_string(us / 1000)); };
+}
+
+Rig::~Rig() {
+  clock.join();
+  if (usb_get_dev_handle() != nullptr) usb_dev_close();
+  enable_printf_log(0);
+  g_free(dev.dev_priv);
+  wrx_module::bus().reset();
+  std::error_code ignored;
+  fs::current_path(fs::temp_directory_path(), ignored);
+  fs::remove_all(scratch_, ignored);
+}
+
+void Rig::write_file(const std::string& path, const std::string& content) {
+  if (fs::path(path).has_parent_path()) fs::create_directories(fs::path(path).parent_path());
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string Rig::read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+bool Rig::file_exists(const std::string& path) { return fs::exists(path); }
+
+void Rig::extra_config(const std::string& keys) {
+  write_file(kExtraConfig, "[BASIC_PARAM]\n" + keys);
+}
+
+void Rig::host_config(const std::string& keys) { write_file(kHostConfig, "[wrx5300]\n" + keys); }
+
+void Rig::install_firmware(const std::string& name, const std::string& image) {
+  write_file("etc/wrx6600/extra/trv_fw.conf", name + "\n");
+  write_file("etc/wrx6600/extra/" + name + ".bin", image);
+}
+
+void Rig::store(const Stored& feature) {
+  feature_info* info = bio_sto_new_feature_info(feature.uid, BioT_FingerPrint, "wrx5300",
+                                                feature.index, "finger");
+  feature_sample** tail = &info->sample;
+  for (const int slot : feature.slots) {
+    *tail = bio_sto_new_feature_sample(-1, "");
+    (*tail)->no = slot;
+    tail = &(*tail)->next;
+  }
+  sqlite3* db = bio_sto_connect_db();
+  bio_sto_set_feature_info(db, info);
+  bio_sto_disconnect_db(db);
+  bio_sto_free_feature_info_list(info);
+}
+
+std::vector<Stored> Rig::stored() {
+  sqlite3* db = bio_sto_connect_db();
+  std::vector<Stored> result =
+      take(bio_sto_get_feature_info(db, -1, BioT_FingerPrint, "wrx5300", 0, -1));
+  bio_sto_disconnect_db(db);
+  return result;
+}
+
+void Rig::play(const std::string& script) {
+  wrx_module::ParsedScript parsed = wrx_module::parse_script(script);
+  ASSERT_FALSE(parsed.error) << parsed.error->text();
+  wrx_module::bus().play(device, std::move(parsed.script));
+}
+
+void Rig::stop_at(int64_t at_ms, int waiting_ms) {
+  clock.at(clock.now_us() + at_ms * 1000, [this, waiting_ms] {
+    trace.note("begin ops_stop_by_user " + std::to_string(waiting_ms));
+    const int result = dev.ops_stop_by_user(&dev, waiting_ms);
+    trace.note("step ops_stop_by_user result=" + std::to_string(result));
+  });
+}
+
+int Rig::step(const std::string& name, const std::function<int()>& call) {
+  trace.note("begin " + name);
+  const int result = call();
+  trace.note("step " + name.substr(0, name.find(' ')) + " result=" + std::to_string(result));
+  return result;
+}
+
+int Rig::configure() {
+  host_conf_.reset(g_key_file_new());
+  g_key_file_load_from_file(host_conf_.get(), kHostConfig, G_KEY_FILE_KEEP_COMMENTS, nullptr);
+  g_free(dev.dev_priv);
+  dev.dev_priv = nullptr;
+  return step("ops_configure", [&] { return ops_configure(&dev, host_conf_.get()); });
+}
+
+int Rig::driver_init() {
+  return step("ops_driver_init", [&] { return dev.ops_driver_init(&dev); });
+}
+
+void Rig::start() {
+  configure();
+  driver_init();
+}
+
+int Rig::discover() {
+  return step("ops_discover", [&] { return dev.ops_discover(&dev); });
+}
+
+int Rig::open() {
+  return step("ops_open", [&] { return dev.ops_open(&dev); });
+}
+
+void Rig::close() {
+  trace.note("begin ops_close");
+  dev.ops_close(&dev);
+  trace.note("step ops_close result=-");
+}
+
+int Rig::enroll(int uid, int index, const char* name) {
+  std::string finger = name;
+  return step("ops_enroll " + std::to_string(uid) + " " + std::to_string(index) + " " + finger,
+              [&] { return dev.ops_enroll(&dev, ACTION_START, uid, index, finger.data()); });
+}
+
+int Rig::verify(int uid, int index) {
+  return step("ops_verify " + std::to_string(uid) + " " + std::to_string(index),
+              [&] { return dev.ops_verify(&dev, ACTION_START, uid, index); });
+}
+
+int Rig::identify(int uid, int start, int end) {
+  return step("ops_identify " + std::to_string(uid) + range(start, end),
+              [&] { return dev.ops_identify(&dev, ACTION_START, uid, start, end); });
+}
+
+std::vector<Stored> Rig::search(int uid, int start, int end) {
+  std::vector<Stored> found;
+  step("ops_search " + std::to_string(uid) + range(start, end), [&] {
+    found = take(dev.ops_search(&dev, ACTION_START, uid, start, end));
+    return static_cast<int>(found.size());
+  });
+  return found;
+}
+
+int Rig::clean(int uid, int start, int end) {
+  return step("ops_clean " + std::to_string(uid) + range(start, end),
+              [&] { return dev.ops_clean(&dev, ACTION_START, uid, start, end); });
+}
+
+std::vector<Stored> Rig::list(int uid, int start, int end) {
+  std::vector<Stored> found;
+  step("ops_get_feature_list " + std::to_string(uid) + range(start, end), [&] {
+    found = take(dev.ops_get_feature_list(&dev, ACTION_START, uid, start, end));
+    return static_cast<int>(found.size());
+  });
+  return found;
+}
+
+int64_t Rig::time_of(const std::function<void()>& call) {
+  const int64_t before = clock.now_us();
+  call();
+  return (clock.now_us() - before) / 1000;
+}
+
+}  // namespace wrx_test
