@@ -140,7 +140,7 @@ int32_t spend_budget(GKeyFile* file, bool& spent, CallSite site) {
 int32_t driver_config_init(DRIVER_CONFIG_STRUCT* config) {
   WRX_LOG(here(), "start.\n");
   const KeyFile file = load_extra_config(here());
-  if (file == nullptr) return -1;
+  if (file == nullptr || config == nullptr) return -1;
   const int32_t log_switch = integer_or_0(file.get(), kGroup, kPrintfLogFlag, here());
   if (log_switch != 0) {
     enable_printf_log(log_switch);

@@ -40,7 +40,6 @@ class LogFileLock {
 };
 
 int32_t open_locked() {
-  if (ENABLE_LOG_FILE == 0) return 0;
   if (logfileFD > 0) close(logfileFD);
   logfileFD = open(wrx::paths::kLogFile, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
   if (logfileFD >= 0) return 0;
@@ -73,8 +72,8 @@ void format_time(char (&text)[kTimeBuffer]) {
 
 // Appends the time, if wanted, and the bytes in one write.
 int32_t append(const uint8_t* buf, int32_t len, bool withTime, wrx::CallSite site) {
-  if (ENABLE_LOG_FILE == 0) return 0;
   const LogFileLock lock;
+  if (ENABLE_LOG_FILE == 0) return 0;
   if (open_locked() != 0) return -1;
   char text[kTimeBuffer] = "";
   if (withTime) format_time(text);
@@ -126,13 +125,9 @@ class DumpText {
 };
 
 void dump_to_log(const uint8_t* bytes, std::size_t count, const wrx::DumpStyle& style) {
-  if (ENABLE_LOG_FILE == 0) return;
   const LogFileLock lock;
-  if (open_locked() != 0) return;
-  if (logfileFD <= 0) {
-    logfileFD = 0;
-    return;
-  }
+  if (ENABLE_LOG_FILE == 0 || open_locked() != 0) return;
+  if (descriptor_missing(here(__builtin_LINE(), "wrx_print_log"))) return;
   DumpText row(style.breaksInLog);
   [[maybe_unused]] ssize_t written = 0;
   for (std::size_t done = 0; done < count;) {
@@ -152,7 +147,7 @@ int32_t enable_printf_log(int32_t flag) {
 
 int32_t wrx_open_log_file(void) {
   const LogFileLock lock;
-  return open_locked();
+  return ENABLE_LOG_FILE == 0 ? 0 : open_locked();
 }
 
 int32_t wrx_print_log(const uint8_t* buf, int32_t len) {

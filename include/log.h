@@ -35,7 +35,8 @@ extern "C" {
 int32_t enable_printf_log(int32_t flag);
 
 /// Opens the log file for appending, creating it if need be; does nothing while the log file is
-/// switched off. 0, or -1 when it cannot be opened (said on standard output).
+/// switched off. 0, or -1 when it cannot be opened (said on standard output). The next line written
+/// by any thread uses a new descriptor and closes this one.
 int32_t wrx_open_log_file(void);
 
 /// Appends `len` raw bytes to the log file. 0 (also when it is switched off), or -1 when the file

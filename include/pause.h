@@ -4,13 +4,15 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 
 namespace wrx {
 
-/// Sleeps `ms` milliseconds; 0 does not sleep at all.
+/// Sleeps `ms` milliseconds, at most an hour; 0 does not sleep at all.
 inline void pause_ms(uint32_t ms) {
-  if (ms != 0) usleep(ms * 1000U);
+  constexpr uint32_t kLongest = 3'600'000;
+  if (ms != 0) usleep(std::min(ms, kLongest) * 1000U);
 }
 
 }  // namespace wrx

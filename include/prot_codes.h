@@ -12,7 +12,7 @@ enum _PROT_TYPE_ENUM_ : uint8_t {
   PROT_TYPE_END = 8,      ///< last or only data packet: a bulk result
 };
 
-/// Command codes. The prefix of 176 to 240 is PORT_, in the module's manual and here.
+/// Command codes. The PORT_ of 176 to 240 is part of their names.
 enum _PROT_CMD_ENUM_ : uint8_t {
   PROT_CMD_GETIMAGE = 1,
   PROT_CMD_GENCHAR = 2,

@@ -39,6 +39,10 @@ uint8_t press_result(const uint8_t (&results)[wrx::kMaxPresses], uint8_t press,
 
 int32_t fp_auto_enroll_param_init(FP_AUTOENROLL_PARAM_STRUCT* auto_enroll_param, uint16_t enroll_id,
                                   uint8_t auto_enroll_times) {
+  if (auto_enroll_param == nullptr) {
+    WRX_LOG(here(), "the param is error!!!\r\n");
+    return -1;
+  }
   FP_AUTOENROLL_PARAM_STRUCT& param = *auto_enroll_param;
   param.enroll_id = enroll_id;
   param.auto_enroll_times = auto_enroll_times;
@@ -108,6 +112,10 @@ int32_t fp_auto_enroll(int32_t timeout_ms) {
 }
 
 int32_t fp_get_increment_of_time_ms(struct timeval* tv_old) {
+  if (tv_old == nullptr) {
+    WRX_LOG(here(), "the param is error!!!\r\n");
+    return 0;
+  }
   struct timeval now {};
   gettimeofday(&now, nullptr);
   const int64_t microseconds = (static_cast<int64_t>(now.tv_sec) - tv_old->tv_sec) * 1000000 +

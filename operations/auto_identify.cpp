@@ -25,7 +25,7 @@ namespace {
 constexpr int32_t kReportRead = 64;
 constexpr uint32_t kPassMs = 20;
 constexpr int kPowerupPasses = 5;
-constexpr std::size_t kSlotsReset = 2;  // enough for a list that is read up to its 0xFFFF
+constexpr std::size_t kSlotsReset = 2;  // the others keep what they held; search_num counts
 
 FP_AUTOIDENTIFY_PARAM_STRUCT& identification() {
   return fp_device_param.auto_identify_param;
@@ -105,6 +105,7 @@ bool refused(wrx::CallSite site) {
 }
 
 void copy_matches(uint16_t* slots) {
+  if (slots == nullptr) return;
   const FP_AUTOIDENTIFY_PARAM_STRUCT& found = identification();
   std::copy_n(found.search_id, std::clamp(found.search_num, 0, wrx::kMaxMatches), slots);
 }
@@ -113,6 +114,10 @@ void copy_matches(uint16_t* slots) {
 
 int32_t fp_auto_identify_param_init(FP_AUTOIDENTIFY_PARAM_STRUCT* identify_param,
                                     uint8_t security_level, uint16_t identify_id, uint16_t param) {
+  if (identify_param == nullptr) {
+    WRX_LOG(here(), "the param is error!!!\r\n");
+    return -1;
+  }
   FP_AUTOIDENTIFY_PARAM_STRUCT& record = *identify_param;
   record.security_level = security_level;
   record.identify_id = identify_id;

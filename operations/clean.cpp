@@ -73,7 +73,7 @@ feature_info* wrx7700_ops_get_feature_list(bio_dev* dev, [[maybe_unused]] OpsAct
   FeatureList list = wrx::operations::read_and_print_features(dev, {uid, idx_start, idx_end});
   bio_set_dev_status(dev, DEVS_COMM_IDLE);
   bio_set_ops_abs_result(dev, OPS_GET_FLIST_SUCCESS);
-  bio_print_info("%s\n", bio_get_notify_mid_mesg(dev));
+  bio_print_info("%s\n", wrx::operations::notification_text(dev));
   bio_set_dev_status(dev, DEVS_COMM_IDLE);
   return list.release();
 }

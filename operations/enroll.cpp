@@ -25,7 +25,7 @@ using wrx::operations::tell;
 namespace {
 
 constexpr uint8_t kPresses = 12;
-constexpr uint8_t kEdgePress = 6;  // from here on the finger's edges are wanted
+constexpr uint8_t kEdgePress = 6;  // after it the finger's edge is asked for
 constexpr int32_t kMaxFeaturesOfUser = 10;
 constexpr uint16_t kLastStorableSlot = 255;
 constexpr uint32_t kReadingPauseMs = 2000;  // so that a refusal can be read

@@ -23,6 +23,17 @@ int32_t operation_timeout(bio_dev* dev) {
   return std::min(info_of(dev).timeoutMS, static_cast<int32_t>(bio_get_ops_timeout_ms()));
 }
 
+// Notifications carry the numbers of the results they go with.
+static_assert(int{NOTIFY_ENROLL_SUCCESS} == OPS_ENROLL_SUCCESS &&
+              int{NOTIFY_ENROLL_FAIL} == OPS_ENROLL_FAIL &&
+              int{NOTIFY_ENROLL_ERROR} == OPS_ENROLL_ERROR &&
+              int{NOTIFY_ENROLL_TIMEOUT} == OPS_ENROLL_TIMEOUT &&
+              int{NOTIFY_VERIFY_MATCH} == OPS_VERIFY_MATCH &&
+              int{NOTIFY_VERIFY_TIMEOUT} == OPS_VERIFY_TIMEOUT &&
+              int{NOTIFY_IDENTIFY_MATCH} == OPS_IDENTIFY_MATCH &&
+              int{NOTIFY_SEARCH_MATCH} == OPS_SEARCH_MATCH &&
+              int{NOTIFY_CLEAN_SUCCESS} == OPS_CLEAN_SUCCESS);
+
 void report(bio_dev* dev, int outcome) {
   bio_set_ops_abs_result(dev, outcome);
   bio_set_notify_abs_mid(dev, outcome);
@@ -42,9 +53,13 @@ void tell(bio_dev* dev, const char* format, ...) {
   show_notification(dev);
 }
 
+const char* notification_text(bio_dev* dev) {
+  const char* text = bio_get_notify_mid_mesg(dev);
+  return text != nullptr ? text : "(null)";
+}
+
 void show_notification(bio_dev* dev) {
-  const char* message = bio_get_notify_mid_mesg(dev);
-  bio_print_debug("%s\n", message != nullptr ? message : "(null)");
+  bio_print_debug("%s\n", notification_text(dev));
 }
 
 void report_failed_wait(bio_dev* dev, const FailedWait& outcomes) {

@@ -25,6 +25,9 @@ void report_absent(bio_dev* dev);
 /// notification.
 [[gnu::format(printf, 2, 3)]] void tell(bio_dev* dev, const char* format, ...);
 
+/// The framework's text for the notification; never null.
+const char* notification_text(bio_dev* dev);
+
 /// Writes the message that the notification now stands for to the framework's logger.
 void show_notification(bio_dev* dev);
 

@@ -22,7 +22,6 @@ using wrx::operations::FeatureList;
 using wrx::operations::here;
 using wrx::operations::Matches;
 using wrx::operations::report;
-using wrx::operations::Selection;
 
 namespace {
 
@@ -189,7 +188,7 @@ int32_t wrx7700_ops_identify(bio_dev* dev, [[maybe_unused]] OpsActions action, i
   }
   // A match of the module counts even if no record of this selection holds its slot.
   report(dev, kIdentify.match);
-  bio_print_info("%s\n", bio_get_notify_mid_mesg(dev));
+  bio_print_info("%s\n", wrx::operations::notification_text(dev));
   end(dev, kIdentify);
   return user;
 }

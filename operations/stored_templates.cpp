@@ -40,10 +40,12 @@ Bitmap slots_in_use(const FeatureList& list) {
 }  // namespace
 
 int32_t wrx_get_current_user_fingerprint_num(bio_dev* dev, int32_t uid) {
-  const FeatureList list = wrx::operations::read_features(dev, {uid, 0, -1});
   int32_t count = 0;
-  for (const feature_info* feature = list.head(); feature != nullptr; feature = feature->next) {
-    if (feature->uid == uid) ++count;
+  {
+    const FeatureList list = wrx::operations::read_features(dev, {uid, 0, -1});
+    for (const feature_info* feature = list.head(); feature != nullptr; feature = feature->next) {
+      if (feature->uid == uid) ++count;
+    }
   }
   WRX_LOG(here(), "current user uid %d, fingerprint_num = %d.\r\n", uid, count);
   return count;

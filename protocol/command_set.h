@@ -176,7 +176,7 @@ inline constexpr Command kCommands[] = {
      .plan = {64, 100, 5, 20},
      .succeeded = logged("received PROT_RESP_OK.\r\n"),
      .decode = decode_capture_start},
-    // Announced as a mode switch, as the module's own tools do.
+    // Announced as a mode switch, on purpose.
     {.code = PROT_CMD_RTBOOT,
      .plan = {64, 70, 1, 0},
      .announced = logged("send PROT_CMD_SET_MODE command.\n"),

@@ -52,11 +52,12 @@ constexpr EnrollStage kEnrollStages[] = {
      &Enroll::enroll_finish_flag},
 };
 
-void store_press_result(const EnrollStage& stage, const Payload& payload, CallSite site) {
+// False for a report that names no press, which is dropped.
+bool store_press_result(const EnrollStage& stage, const Payload& payload, CallSite site) {
   Enroll& enroll = fp_device_param.auto_enroll_param;
   if (!payload.store(kPressOffset, enroll.current_enroll_time)) {
     WRX_LOG(site, "report of stage %d names no press, dropped.\r\n", payload.byte(kStageOffset));
-    return;
+    return false;
   }
   const uint8_t press = enroll.current_enroll_time;
   print_text(site, stage.text, press, payload.confirm());
@@ -65,6 +66,7 @@ void store_press_result(const EnrollStage& stage, const Payload& payload, CallSi
   } else {
     WRX_LOG(site, "press number %d is out of range, its result is dropped.\r\n", press);
   }
+  return true;
 }
 
 // How many slots of a list result count: what the packet says, but not more than it carries or the
@@ -169,7 +171,7 @@ void decode_enroll_step(const Payload& payload, CallSite site) {
   const EnrollStage& stage = kEnrollStages[number];
   Enroll& enroll = fp_device_param.auto_enroll_param;
   if (stage.pressResult != nullptr) {
-    store_press_result(stage, payload, site);
+    if (!store_press_result(stage, payload, site)) return;
   } else {
     enroll.*stage.result = payload.confirm();
     if (stage.logged) {

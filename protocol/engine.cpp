@@ -23,8 +23,11 @@ void say(const Said& said, CallSite site) {
 bool exchange(const Command& row, Parameters parameters, CallSite site) {
   say(row.announced, site);
   if (row.verdict != nullptr) fp_device_param.*row.verdict = kNoAnswer;
+  RECV_DATA_STRUCT plan;
+  fp_recv_param_init(&plan, row.plan.recv_len, row.plan.wait_ms, row.plan.cycle_times,
+                     row.plan.cycle_ms);
   const int32_t sent =
-      fp_send_cmd(row.code, parameters.data(), static_cast<int32_t>(parameters.size()), row.plan);
+      fp_send_cmd(row.code, parameters.data(), static_cast<int32_t>(parameters.size()), plan);
   if (sent == 0) return true;
   if (row.unanswered != nullptr) WRX_LOG(site, "%s", row.unanswered);
   return false;

@@ -97,7 +97,7 @@ uint8_t fp_resp_type_get(void) {
 
 int32_t fp_send_cmd(uint8_t cmd_code, const uint8_t* buf, int32_t len,
                     RECV_DATA_STRUCT recv_param) {
-  if (len >= static_cast<int32_t>(wrx::kMaxPayload)) {
+  if (buf != nullptr && len >= static_cast<int32_t>(wrx::kMaxPayload)) {
     WRX_LOG(here(), "the param is error!!!\r\n");
     return -1;
   }

@@ -12,6 +12,7 @@
 // Acknowledgement, read after every payload: "USBS".
 #include <array>
 #include <cstddef>
+#include <cstring>
 
 #include "log.h"
 #include "pause.h"
@@ -150,12 +151,10 @@ int32_t usb_read_data(uint8_t* buf, int32_t len, int32_t* read_len) {
 }
 
 int32_t usb_test_handle(void) {
-  union {
-    CommandBlock block;
-    uint8_t bytes[256];
-  } buffer = {.bytes = {}};
-  buffer.block = command_block(Direction::fromModule, kTestLength);
-  DEV_CMD cmd = {buffer.bytes, sizeof(CommandBlock), kTestLength, kTimeoutMs};
+  const CommandBlock block = command_block(Direction::fromModule, kTestLength);
+  std::array<uint8_t, 256> buffer = {};
+  std::memcpy(buffer.data(), &block, sizeof block);
+  DEV_CMD cmd = {buffer.data(), sizeof block, kTestLength, kTimeoutMs};
   if (request(cmd, here()) != 0) return -1;
   return acknowledged(here());
 }

@@ -20,9 +20,14 @@ constexpr unsigned char kEndpointIn = 0x81;
 // Stands in messages only; nothing is opened by this name.
 constexpr char kChannelName[] = "/dev/fp256_360_usb_drv";
 
-// Moves `*length` bytes and stores what was moved, 0 after a failure.
+// Moves `*length` bytes and stores what was moved, 0 after a failure. The handle may have been
+// dropped during the transfer before.
 bool transfer(unsigned char endpoint, DEV_CMD& cmd, uint32_t& length) {
   int moved = 0;
+  if (usb_dev_param.usbdev_handle == nullptr) {
+    length = 0;
+    return false;
+  }
   const int result = libusb_bulk_transfer(usb_dev_param.usbdev_handle, endpoint, cmd.buff,
                                           static_cast<int>(length), &moved, cmd.timeout);
   length = result == 0 ? static_cast<uint32_t>(moved) : 0;

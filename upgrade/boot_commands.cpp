@@ -84,6 +84,8 @@ bool succeeded(const BootCommand& row) {
 // Sends a request and judges the answer, whose data is left in the parser's record. A write that
 // failed shows up as an answer that does not come.
 int32_t run(const BootCommand& row, Request request, wrx::CallSite site) {
+  UP_PROT_PACKET& p = upgrade_param.prot_packet_usb;
+  p.prot_state = kWaitHead;
   const int32_t frame = request.seal();
   boot_write_usb(request.bytes(), row.padded ? kPaddedWrite : frame);
   std::array<uint8_t, kResponseSize> answer{};
@@ -93,8 +95,6 @@ int32_t run(const BootCommand& row, Request request, wrx::CallSite site) {
     return -1;
   }
   if (row.saysCount) wrx::print_text(site, "read %d byte.\n", received);
-  UP_PROT_PACKET& p = upgrade_param.prot_packet_usb;
-  p.prot_state = kWaitHead;
   const bool good = parseProtocal(answer.data(), received) == 0 && p.prot_state == kComplete;
   p.prot_state = kWaitHead;
   return good && succeeded(row) ? 0 : -1;

@@ -92,7 +92,6 @@ int32_t upgrade_module_init(void) {
 }
 
 int32_t get_device_descriptor(libusb_device_descriptor* dev_desc, usb_dev* user_device) {
-  release_device_list(*user_device);
   if (!wrx::transport::default_context_ready()) return LIBUSB_ERROR_OTHER;
   libusb_device** devices = nullptr;
   const ssize_t count = libusb_get_device_list(nullptr, &devices);
@@ -115,6 +114,7 @@ int32_t get_device_descriptor(libusb_device_descriptor* dev_desc, usb_dev* user_
 }
 
 int32_t get_device_endpoint(libusb_device_descriptor* dev_desc, usb_dev* user_device) {
+  if (user_device->dev == nullptr) return -1;
   for (uint8_t i = 0; i < dev_desc->bNumConfigurations; ++i) {
     libusb_config_descriptor* config = nullptr;
     if (libusb_get_config_descriptor(user_device->dev, i, &config) != 0) return -1;
@@ -127,6 +127,7 @@ int32_t get_device_endpoint(libusb_device_descriptor* dev_desc, usb_dev* user_de
 
 int32_t boot_open_dev(void) {
   usb_dev& device = upgrade_param.udev;
+  release_device_list(device);
   device.vid = kVendor;
   device.pid = kProduct;
   libusb_device_descriptor descriptor{};

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 
@@ -27,7 +28,15 @@ uint32_t new_firmware_version_num;
 namespace {
 
 constexpr std::size_t kRemovedName = 100;  // characters of the image's path that are named
-constexpr char kNamePattern[] = "ACM32FP_V%d";
+constexpr char kNamePrefix[] = "ACM32FP_V";
+
+// The number behind the prefix of an image's name; 0 when there is none that fits.
+int version_in(const char* text) {
+  if (std::strncmp(text, kNamePrefix, std::strlen(kNamePrefix)) != 0) return 0;
+  const long number = std::strtol(text + std::strlen(kNamePrefix), nullptr, 10);
+  using Limits = std::numeric_limits<int>;
+  return number < Limits::min() || number > Limits::max() ? 0 : static_cast<int>(number);
+}
 
 void select(const char* text, wrx::CallSite site) {
   // A name too long for the record is cut, and then names no image.
@@ -35,8 +44,7 @@ void select(const char* text, wrx::CallSite site) {
   g_strlcat(new_firmware_name, text, sizeof new_firmware_name);
   g_strlcat(new_firmware_name, ".bin", sizeof new_firmware_name);
   WRX_LOG(site, "new_firmware_name = %s\n", new_firmware_name);
-  int version = 0;
-  if (std::sscanf(text, kNamePattern, &version) != 1) version = 0;
+  const int version = version_in(text);
   WRX_LOG(site, "fw_version = %d\n", version);
   std::snprintf(new_firmware_version, sizeof new_firmware_version, "acm32_btl_zelta_pc_%06d",
                 version);

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -29,6 +30,7 @@ class ModuleHost : public testing::Test {
     open(0x4d2e, 0x5300);
   }
   ~ModuleHost() override {
+    wrx_module::bus().set_trace({});  // what it writes to is gone already
     libusb_close(handle);
     wrx_module::bus().reset();
   }
@@ -44,15 +46,15 @@ class ModuleHost : public testing::Test {
   }
   int bulk(uint8_t endpoint, Bytes& data, unsigned timeout = 1000) {
     int moved = 0;
-    const int rc = libusb_bulk_transfer(handle, endpoint, data.data(),
-                                        static_cast<int>(data.size()), &moved, timeout);
+    rc = libusb_bulk_transfer(handle, endpoint, data.data(), static_cast<int>(data.size()), &moved,
+                              timeout);
     if ((endpoint & 0x80) != 0) data.resize(static_cast<size_t>(moved));
     return rc;
   }
   int out(uint8_t endpoint, Bytes data) { return bulk(endpoint, data); }
   Bytes in(uint8_t endpoint, size_t max) {
     Bytes data(max);
-    rc = bulk(endpoint, data);
+    bulk(endpoint, data);
     return data;
   }
   static Bytes block(uint8_t direction, size_t n) {
@@ -67,9 +69,12 @@ class ModuleHost : public testing::Test {
   }
   static Bytes framed(const Bytes& payload) {
     const size_t n = payload.size() + 2;
-    Bytes p = {
-        0xEF, 1, 0xFF, 0xFF, 0xFF, 0xFF, 1, static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
-    p.insert(p.end(), payload.begin(), payload.end());
+    Bytes p(9 + payload.size(), 0xFF);
+    p[0] = 0xEF;
+    p[1] = p[6] = 1;
+    p[7] = static_cast<uint8_t>(n >> 8);
+    p[8] = static_cast<uint8_t>(n);
+    std::copy(payload.begin(), payload.end(), p.begin() + 9);
     unsigned sum = 0;
     for (size_t i = 6; i < p.size(); ++i)
       sum += p[i];
@@ -86,7 +91,9 @@ class ModuleHost : public testing::Test {
   Bytes read(size_t max = 64) {
     out(0x01, block(0x80, max));
     Bytes data = in(0x81, max);
-    if (rc == 0) EXPECT_EQ(in(0x81, 4), (Bytes{'U', 'S', 'B', 'S'}));
+    if (rc == 0) {
+      EXPECT_EQ(in(0x81, 4), (Bytes{'U', 'S', 'B', 'S'}));
+    }
     return data;
   }
   /// The payload of the one packet that answers a command.
