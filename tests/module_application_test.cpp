@@ -105,38 +105,43 @@ TEST_F(ModuleApplication, AReadWithNothingToSayTimesOutOrIsEmpty) {
   EXPECT_EQ(clock.now_ms(), 1010) << "a waiting read is answered when the answer is ready";
 }
 
-// One enrolment as a driver runs it: read, sleep 30 ms unless a press's verdict or the end is in.
-TEST_F(ModuleApplication, AnEnrolmentTakesThePassesItsBatchingImplies) {
-  const struct {
-    const char* batch;
-    int64_t identify_ms, enrol_ms;
-  } rows[] = {{"report", 40, 800}, {"step", 20, 20}};
-  uint16_t slot = 20;
-  for (const auto& row : rows) {
-    play(std::string("set batch ") + row.batch + "; press thumb x13");
-    int64_t start = clock.now_ms();
-    send(framed({50, 3, 0xFF, 0xFF, 0, 1}));
+// The last stage byte of the reports in a read; 0xFF without one.
+uint8_t last_stage(const Bytes& reports) {
+  uint8_t stage = 0xFF;
+  for (size_t at = 0; at + 11 < reports.size(); at += 9U + reports[at + 8]) {
+    stage = reports[at + 10];
+  }
+  return stage;
+}
+
+// As a driver does it: read, and sleep unless what it waits for was in the read.
+TEST_F(ModuleApplication, ProceduresTakeThePassesTheirBatchingImplies) {
+  const auto passes = [this](const Bytes& command, size_t wanted, Bytes stages, int64_t pause_us) {
+    const int64_t start = clock.now_ms();
+    send(framed(command));
     clock.sleep_us(20'000);
-    EXPECT_EQ(read().size(), 13U);
-    const auto searched = [](const Bytes& b) { return b.size() > 10 && b[b.size() - 1] != 0x0C; };
-    while (!searched(read()))
-      clock.sleep_us(20'000);
-    EXPECT_EQ(clock.now_ms() - start, row.identify_ms) << row.batch;
-    start = clock.now_ms();
-    send(framed({49, 0, static_cast<uint8_t>(slot), 12, 0, 0}));
-    clock.sleep_us(20'000);
-    EXPECT_EQ(read().size(), 13U);
-    for (int presses = 0; !device.memory().templates.contains(slot) || presses < 13;) {
-      const Bytes got = read(128);
-      const size_t last = got.size() < 13 ? 0 : got.size() - (got[got.size() - 6] == 4 ? 4 : 3);
-      const uint8_t stage =
-          last == 0 ? uint8_t{0} : got[got.size() - (got[got.size() - 5] == 5 ? 4 : 3)];
-      presses += stage == 3 || stage == 6 ? 1 : 0;
-      if (stage != 3 && stage != 6) clock.sleep_us(30'000);
+    EXPECT_EQ(last_stage(read()), 0);
+    for (size_t found = 0; found < wanted;) {
+      const uint8_t stage = last_stage(read(128));
+      const bool good = std::find(stages.begin(), stages.end(), stage) != stages.end();
+      found += good ? 1 : 0;
+      if (!good) clock.sleep_us(pause_us);
     }
-    EXPECT_EQ(clock.now_ms() - start, row.enrol_ms) << row.batch;
-    EXPECT_EQ(device.memory().templates[slot], "thumb");
-    ++slot;
+    return clock.now_ms() - start;
+  };
+  const struct {
+    const char* settings;
+    int64_t identify_ms, enrol_ms;
+  } rows[] = {{"set batch report", 40, 800},
+              {"set batch step", 20, 20},
+              {"set batch report; set capture-report off", 20, 800}};
+  for (const auto& row : rows) {
+    play(row.settings);
+    play("press thumb x13");
+    device.memory().templates.clear();
+    EXPECT_EQ(passes({50, 3, 0xFF, 0xFF, 0, 1}, 1, {0xF5}, 20'000), row.identify_ms);
+    EXPECT_EQ(passes({49, 0, 20, 12, 0, 0}, 13, {3, 6}, 30'000), row.enrol_ms) << row.settings;
+    EXPECT_EQ(device.memory().templates[20], "thumb");
   }
 }
 

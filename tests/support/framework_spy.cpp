@@ -53,6 +53,8 @@ std::string formatted(const char* format, va_list arguments) {
 
 }  // namespace
 
+void wrx_test::number_connections_anew() { connections_made = 0; }
+
 extern "C" {
 
 int bio_get_empty_driver_id(void) {

@@ -111,6 +111,7 @@ void Recorder::clear() {
   const std::lock_guard lock(mutex_);
   lines_.clear();
   open_line_.clear();
+  number_connections_anew();
 }
 
 std::string quoted(const char* text) {

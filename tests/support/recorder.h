@@ -37,6 +37,7 @@ class Recorder {
   bool saw(const std::string& text);
   /// How many lines contain `text`.
   int count(const std::string& text);
+  /// Begins anew, with the numbers of database connections too.
   void clear();
 
  private:
@@ -49,6 +50,9 @@ class Recorder {
   std::FILE* stream_;
   std::FILE* system_stdout_;
 };
+
+/// The next connection to the feature database is the first.
+void number_connections_anew();
 
 /// "text" with its control characters, quotes and backslashes escaped as in C, in quotes.
 std::string quoted(const char* text);

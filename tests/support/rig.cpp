@@ -80,6 +80,7 @@ Rig::Rig(wrx_module::Settings settings)
 Rig::~Rig() {
   clock.join();
   if (usb_get_dev_handle() != nullptr) usb_dev_close();
+  if (lost_ != nullptr) libusb_close(lost_);
   enable_printf_log(0);
   g_free(dev.dev_priv);
   wrx_module::bus().reset();
@@ -140,6 +141,24 @@ void Rig::play(const std::string& script) {
   wrx_module::bus().play(device, std::move(parsed.script));
 }
 
+void Rig::lose_handle_at(int transfer) {
+  lost_ = usb_get_dev_handle();
+  wrx_module::bus().faults().on_death = [] { usb_dev_set_null(); };
+  play("fault at " + std::to_string(transfer) + " death");
+}
+
+std::vector<int> Rig::slots() {
+  std::vector<int> slots;
+  for (const auto& [slot, finger] : device.memory().templates) slots.push_back(slot);
+  return slots;
+}
+
+std::vector<int> Rig::asked() {
+  std::vector<int> codes;
+  for (const wrx_module::CommandRecord& command : device.commands()) codes.push_back(command.code);
+  return codes;
+}
+
 void Rig::stop_at(int64_t at_ms, int waiting_ms) {
   clock.at(clock.now_us() + at_ms * 1000, [this, waiting_ms] {
     trace.note("begin ops_stop_by_user " + std::to_string(waiting_ms));
@@ -170,6 +189,13 @@ int Rig::driver_init() {
 void Rig::start() {
   configure();
   driver_init();
+}
+
+void Rig::ready() {
+  start();
+  open();
+  trace.clear();
+  device.commands().clear();
 }
 
 int Rig::discover() {

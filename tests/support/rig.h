@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <libbiometric.h>
+#include <libusb.h>
 
 #include <functional>
 #include <memory>
@@ -57,6 +58,12 @@ class Rig {
   std::vector<Stored> stored();
   /// Runs a script of the module's language.
   void play(const std::string& script);
+  /// Makes the driver lose its handle inside the `transfer`-th transfer from now.
+  void lose_handle_at(int transfer);
+  /// Slots of the module that hold a template.
+  std::vector<int> slots();
+  /// Codes of the commands that the module was given.
+  std::vector<int> asked();
   /// Lets a user's stop come, on a thread of its own, `at_ms` from now.
   void stop_at(int64_t at_ms, int waiting_ms = 3000);
 
@@ -66,6 +73,8 @@ class Rig {
   int driver_init();
   /// configure and driver_init.
   void start();
+  /// start and open; then the trace and the module's list of commands begin anew.
+  void ready();
   int discover();
   int open();
   void close();
@@ -95,6 +104,7 @@ class Rig {
     void operator()(GKeyFile* file) const { g_key_file_free(file); }
   };
   std::string scratch_;
+  libusb_device_handle* lost_ = nullptr;
   std::unique_ptr<GKeyFile, KeyFileDeleter> host_conf_;
 };
 

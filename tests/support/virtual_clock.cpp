@@ -27,6 +27,8 @@ VirtualClock::~VirtualClock() {
   active_clock = nullptr;
 }
 
+void VirtualClock::retire() { active_clock = nullptr; }
+
 VirtualClock* VirtualClock::active() { return active_clock; }
 
 void VirtualClock::sleep_us(int64_t us) {

@@ -27,6 +27,9 @@ class VirtualClock : public wrx_module::Clock {
   /// The clock in force, null for the system's time.
   static VirtualClock* active();
 
+  /// Gives time back to the system for good.
+  void retire();
+
   int64_t now_us() override { return now_us_; }
   int64_t now_ms() { return now_us_ / 1000; }
   void sleep_us(int64_t us) override;
