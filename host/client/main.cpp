@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// wrxctl: the command-line client. Reads the command line, sets up the streams and the signals,
+// runs one command and turns its report into words and an exit code.
+
+#include <fmt/format.h>
+#include <libintl.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <cstdio>
+
+#include "commands.h"
+#include "interrupts.h"
+#include "streams.h"
+
+namespace wrx::client {
+namespace {
+
+using host::Failure;
+using host::Outcome;
+
+int code(Outcome outcome) {
+  return static_cast<int>(outcome);
+}
+
+int refuse_command_line(const Parsed& parsed) {
+  if (parsed.error.empty()) return parsed.exit_code;
+  Output output(stdout, parsed.json, false);
+  output.end("", {Outcome::Usage, parsed.error + (parsed.json ? "" : " (see --help)"), "", {}});
+  return parsed.exit_code;
+}
+
+Report run_guarded(const Options& options, Output& output) {
+  try {
+    Client client(options, output);
+    const Interrupts interrupts(
+        [&] {
+          output.note("Stopping; press Ctrl-C again to leave at once.");
+          client.requestStop();
+        },
+        [&] {
+          output.endAtOnce(name(options.command), {Outcome::Stopped, "left at once", "", {}});
+          _exit(code(Outcome::Stopped));
+        });
+    Report report = run_command(client);
+    client.finish();
+    return report;
+  } catch (const Failure& failure) {
+    return {failure.outcome(), failure.what(), "", {}};
+  } catch (const std::exception& error) {
+    return {Outcome::Failed, error.what(), "", {}};
+  }
+}
+
+int run(const Options& options) {
+  try {
+    Streams streams(options.trace, options.trace_chosen);
+    Output output(streams.own(), options.json, streams.terminal());
+    const Report report = run_guarded(options, output);
+    output.end(name(options.command), report);
+    return code(report.outcome);
+  } catch (const Failure& failure) {
+    Output(stdout, options.json, false)
+        .end(name(options.command), {failure.outcome(), failure.what(), "", {}});
+    return code(failure.outcome());
+  }
+}
+
+}  // namespace
+}  // namespace wrx::client
+
+int main(int argc, char** argv) {
+  using namespace wrx::client;
+  std::setlocale(LC_ALL, "");
+  bindtextdomain("wrx5300", WRX_LOCALE_DIR);
+  textdomain("wrx5300");
+  block_interrupts();
+  const Parsed parsed = parse(argc, argv);
+  return parsed.options ? run(*parsed.options) : refuse_command_line(parsed);
+}

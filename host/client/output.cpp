@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The program's two voices.
+
+#include "output.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdint>
+
+namespace wrx::client {
+namespace {
+
+// A cell a press; leaves a driver's message room on a line of 80 columns.
+constexpr int kBarWidth = 12;
+
+int share(int done, int total, int whole) {
+  return total > 0 ? static_cast<int>(std::clamp<int64_t>(int64_t{done} * whole / total, 0, whole))
+                   : 0;
+}
+
+std::string trimmed(std::string text) {
+  const auto end = text.find_last_not_of(" \r\n\t");
+  text.resize(end == std::string::npos ? 0 : end + 1);
+  return text;
+}
+
+std::string dumped(const nlohmann::json& object) {
+  // Bytes that are no UTF-8 (a finger's name in an old encoding) must not end the program.
+  return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace
+
+void Output::note(const std::string& text) {
+  const std::lock_guard lock(guard_);
+  if (json_) return event({{"event", "note"}, {"text", text}});
+  line(text);
+}
+
+void Output::driverSays(int number, const std::string& text) {
+  const std::lock_guard lock(guard_);
+  if (json_) return event({{"event", "notify"}, {"number", number}, {"text", trimmed(text)}});
+  beside_ = trimmed(text);
+  terminal_ ? drawBar() : line("  " + beside_);
+}
+
+void Output::progress(const std::string& what, int done, int total) {
+  const std::lock_guard lock(guard_);
+  done_ = done;
+  total_ = total;
+  const int percent = share(done, total, 100);
+  if (json_)
+    return event({{"event", "progress"},
+                  {"what", what},
+                  {"done", done},
+                  {"total", total},
+                  {"percent", percent}});
+  if (terminal_) {
+    if (beside_.empty()) beside_ = what;
+    return drawBar();
+  }
+  line(fmt::format("  {} {} of {} ({} %)", what, done, total, percent));
+}
+
+void Output::end(const std::string& command, const Report& report) {
+  const std::lock_guard lock(guard_);
+  endLocked(command, report);
+}
+
+void Output::endAtOnce(const std::string& command, const Report& report) {
+  const std::unique_lock lock(guard_, std::try_to_lock);
+  if (lock.owns_lock()) endLocked(command, report);
+}
+
+void Output::endLocked(const std::string& command, const Report& report) {
+  leaveBar();
+  if (json_) {
+    nlohmann::json object = {{"command", command},
+                             {"outcome", host::name(report.outcome)},
+                             {"exit_code", static_cast<int>(report.outcome)},
+                             {"message", report.text}};
+    if (report.data.is_object()) object.update(report.data);
+    return event(object);
+  }
+  fmt::print(to_, "{}", report.body);
+  if (report.outcome == host::Outcome::Success || report.outcome == host::Outcome::NoMatch)
+    return line(report.text);
+  std::fflush(to_);
+  fmt::print(stderr, "wrxctl: {}\n", report.text);
+}
+
+void Output::event(nlohmann::json object) {
+  line(dumped(object));
+}
+
+void Output::line(const std::string& text) {
+  leaveBar();
+  fmt::print(to_, "{}\n", text);
+  std::fflush(to_);
+}
+
+void Output::drawBar() {
+  const auto full = static_cast<std::size_t>(share(done_, total_, kBarWidth));
+  const std::string bar = std::string(full, '#') + std::string(kBarWidth - full, '.');
+  // Without wrapping: a line too long for the terminal must not leave a piece behind when the
+  // next one is drawn over it.
+  fmt::print(to_, "\r\x1b[K\x1b[?7l[{}] {:3} %  {}\x1b[?7h", bar, share(done_, total_, 100),
+             beside_);
+  std::fflush(to_);
+  bar_ = true;
+}
+
+void Output::leaveBar() {
+  if (bar_) fmt::print(to_, "\n");
+  bar_ = false;
+}
+
+}  // namespace wrx::client
