@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Whole scenarios as golden traces: every transfer, framework call, wait and line, in order.
+// Whole scenarios as golden traces: every transfer, framework call, wait and line, in order. A file
+// of endings holds one operation several times, from its begin to its end, each under a headline
+// and without the lines with which it repeats the first.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
+#include "protocol/packet.h"
 #include "support/rig.h"
 
 namespace wrx_test {
@@ -13,6 +18,46 @@ wrx_module::Settings paced() {
   settings.usb.in_cost_us = 250;
   return settings;
 }
+
+// The steps of a press come in one read, which keeps the traces short.
+wrx_module::Settings step_by_step() {
+  wrx_module::Settings settings = Rig::instant();
+  settings.link.batch = wrx_module::Batch::one_step;
+  return settings;
+}
+
+struct Ending {
+  const char* headline;
+  void (*arrange)(Rig&);
+};
+
+// An operation that is asked for after each of the arrangements, with a time limit of 50 ms.
+std::vector<std::string> endings(const std::vector<Ending>& all, void (*operation)(Rig&)) {
+  std::vector<std::string> lines, first;
+  for (const Ending& ending : all) {
+    Rig rig(step_by_step());
+    bio_host_set_ops_timeout_ms(50);
+    rig.ready();
+    ending.arrange(rig);
+    rig.trace.clear();
+    operation(rig);
+    rig.clock.join();
+    const std::vector<std::string> trace = rig.trace.lines();
+    const auto differs =
+        std::mismatch(trace.begin(), trace.end(), first.begin(), first.end()).first;
+    lines.push_back(std::string("== ") + ending.headline);
+    if (differs != trace.begin()) {
+      lines.push_back("… " + std::to_string(differs - trace.begin()) + " lines as above");
+    }
+    lines.insert(lines.end(), differs, trace.end());
+    if (first.empty()) first = trace;
+  }
+  return lines;
+}
+
+constexpr Ending kStopped = {"stopped by the user", [](Rig& rig) { rig.stop_at(30); }};
+constexpr Ending kTimedOut = {"timed out", [](Rig&) {}};
+constexpr Ending kRefused = {"refused by the module", [](Rig& rig) { rig.play("refuse 50 27"); }};
 
 TEST(Golden, VerifyOfAnotherFingerOfTheUser) {
   wrx_module::Settings settings = paced();
@@ -27,6 +72,69 @@ TEST(Golden, VerifyOfAnotherFingerOfTheUser) {
   rig.verify();
   rig.close();
   EXPECT_EQ(golden_difference("verify-no-match", rig.trace.lines()), "");
+}
+
+TEST(Golden, EnrolmentWithTwoBadPresses) {
+  Rig rig(step_by_step());
+  rig.device.memory().templates = {{20, "index"}, {30, "nobody"}};
+  rig.store({2000, 0, {20}});
+  rig.ready();
+  rig.play("finger thumb; press; press x3; press smudged; press x4; press repeated; press x5");
+  EXPECT_EQ(rig.enroll(Rig::kUser, -1, "right thumb"), 0);
+  EXPECT_EQ(golden_difference("enroll", rig.trace.lines()), "");
+}
+
+TEST(Golden, EnrolmentsThatFail) {
+  // The first press passes the check for duplicates; the wait for presses begins at 100 ms. The
+  // handle is lost in the payload of its second read.
+  const std::vector<Ending> all = {
+      {"stopped by the user", [](Rig& rig) { rig.play("press"), rig.stop_at(110); }},
+      {"timed out", [](Rig& rig) { rig.play("press"); }},
+      {"module vanished", [](Rig& rig) { rig.play("press"), rig.lose_handle_at(62); }},
+      {"start refused", [](Rig& rig) { rig.play("press; refuse 49 27"); }},
+      {"library full", [](Rig& rig) { rig.play("press; refuse 49 31"); }},
+  };
+  EXPECT_EQ(golden_difference("enroll-endings", endings(all, [](Rig& rig) { rig.enroll(); })), "");
+}
+
+TEST(Golden, VerifiesThatFail) {
+  const std::vector<Ending> all = {
+      kStopped, kTimedOut, {"module vanished", [](Rig& rig) { rig.lose_handle_at(26); }}, kRefused};
+  EXPECT_EQ(golden_difference("verify-endings", endings(all, [](Rig& rig) { rig.verify(); })), "");
+}
+
+TEST(Golden, IdentifiesThatFail) {
+  const std::vector<Ending> all = {
+      kStopped,
+      // Without a limit of its own it times out only by what an earlier operation left behind.
+      {"refused with the flag of an old time-out",
+       [](Rig& rig) { rig.play("refuse 50 27"), fp_set_ctrlFlag(FP_CONTROL_FLAG_TIMEOUT); }},
+      {"module vanished", [](Rig& rig) { rig.lose_handle_at(11); }},
+      kRefused};
+  EXPECT_EQ(golden_difference("identify-endings", endings(all, [](Rig& rig) { rig.identify(); })),
+            "");
+}
+
+TEST(Golden, SearchesThatFail) {
+  const std::vector<Ending> all = {
+      kStopped, kTimedOut, {"module vanished", [](Rig& rig) { rig.lose_handle_at(26); }}, kRefused};
+  EXPECT_EQ(golden_difference("search-endings", endings(all, [](Rig& rig) { rig.search(); })), "");
+}
+
+TEST(Golden, CleansThatDoNotSucceed) {
+  // A clean has no limit and does not look for a stop, which therefore waits in vain.
+  const std::vector<Ending> all = {
+      {"stopped by the user", [](Rig& rig) { rig.stop_at(10, 50); }},
+      {"not answered", [](Rig& rig) { rig.play("set response-delay 1s"); }},
+      {"module vanished", [](Rig& rig) { rig.lose_handle_at(2); }},
+      {"second template refused", [](Rig& rig) { rig.play("at 10ms; refuse 12 27"); }}};
+  const auto operation = [](Rig& rig) {
+    rig.store({Rig::kUser, 0, {20}});
+    rig.store({Rig::kUser, 1, {21}});
+    rig.trace.clear();
+    rig.clean();
+  };
+  EXPECT_EQ(golden_difference("clean-endings", endings(all, operation)), "");
 }
 
 }  // namespace

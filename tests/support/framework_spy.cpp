@@ -15,7 +15,7 @@ namespace {
 
 using wrx_test::quoted;
 
-// While the framework itself asks the driver for a text, that is none of the driver's calls.
+// What the framework calls of itself, or asks the driver, is none of the driver's calls.
 thread_local bool quiet = false;
 
 void note(const std::string& text) {
@@ -32,7 +32,8 @@ Function* next(Function*, const char* name) {
 
 int list_length(const feature_info* list) {
   int length = 0;
-  for (; list != nullptr; list = list->next) ++length;
+  for (; list != nullptr; list = list->next)
+    ++length;
   return length;
 }
 
@@ -53,7 +54,16 @@ std::string formatted(const char* format, va_list arguments) {
 
 }  // namespace
 
-void wrx_test::number_connections_anew() { connections_made = 0; }
+wrx_test::Unrecorded::Unrecorded() {
+  quiet = true;
+}
+wrx_test::Unrecorded::~Unrecorded() {
+  quiet = false;
+}
+
+void wrx_test::number_connections_anew() {
+  connections_made = 0;
+}
 
 extern "C" {
 
@@ -74,12 +84,11 @@ int bio_get_ops_timeout_ms(void) {
   return timeout;
 }
 
-#define SPY_ON_SETTER(setter)                     \
-  void setter(bio_dev* dev, int value) {          \
-    note(#setter " " + std::to_string(value));    \
-    quiet = true;                                 \
-    NEXT(setter)(dev, value);                     \
-    quiet = false;                                \
+#define SPY_ON_SETTER(setter)                  \
+  void setter(bio_dev* dev, int value) {       \
+    note(#setter " " + std::to_string(value)); \
+    const wrx_test::Unrecorded its_own_calls;  \
+    NEXT(setter)(dev, value);                  \
   }
 SPY_ON_SETTER(bio_set_dev_status)
 SPY_ON_SETTER(bio_set_ops_result)
@@ -94,7 +103,11 @@ void bio_process_changed(bio_dev* dev, const char* opsname, int percent, const c
 }
 
 int bio_common_get_empty_index(bio_dev* dev, int uid, int start, int end) {
-  const int index = NEXT(bio_common_get_empty_index)(dev, uid, start, end);
+  int index = -1;
+  {
+    const wrx_test::Unrecorded its_own_calls;
+    index = NEXT(bio_common_get_empty_index)(dev, uid, start, end);
+  }
   note("bio_common_get_empty_index uid=" + std::to_string(uid) + " " + std::to_string(start) +
        ".." + std::to_string(end) + " = " + std::to_string(index));
   return index;
@@ -104,7 +117,7 @@ sqlite3* bio_sto_connect_db(void) {
   sqlite3* db = NEXT(bio_sto_connect_db)();
   if (db == nullptr) {
     note("bio_sto_connect_db = none");
-  } else {
+  } else if (!quiet) {
     connections[db] = ++connections_made;
     note("bio_sto_connect_db = #" + std::to_string(connections_made));
   }

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 
 #include "support/virtual_clock.h"
 
@@ -23,13 +22,29 @@ int64_t now_ms() {
   return clock != nullptr ? clock->now_ms() : 0;
 }
 
+void replace_all(std::string& line, const std::string& from, const std::string& to) {
+  for (size_t at = 0; (at = line.find(from, at)) != std::string::npos; at += to.size()) {
+    line.replace(at, from.size(), to);
+  }
+}
+
 // A driver's line as golden files have it: "#" for the line number of a prefix, and paths as they
 // are without the scratch folder.
-std::string settled(const std::string& line) {
-  static const std::regex prefix(
-      R"((\[|^|=)(wrx7700|operations|app_fp256_360|usb_device|upgrade):\d+:)");
-  static const std::regex path(R"(\./(etc|sys)/)");
-  return std::regex_replace(std::regex_replace(line, prefix, "$1$2:#:"), path, "/$1/");
+std::string settled(std::string line) {
+  for (const std::string unit :
+       {"wrx7700:", "operations:", "app_fp256_360:", "usb_device:", "upgrade:"}) {
+    for (size_t at = 0; (at = line.find(unit, at)) != std::string::npos;) {
+      const bool begins = at == 0 || line[at - 1] == '[' || line[at - 1] == '=';
+      at += unit.size();
+      const size_t end = line.find_first_not_of("0123456789", at);
+      if (begins && end != at && end != std::string::npos && line[end] == ':') {
+        line.replace(at, end - at, "#");
+      }
+    }
+  }
+  replace_all(line, "./etc/", "/etc/");
+  replace_all(line, "./sys/", "/sys/");
+  return line;
 }
 }  // namespace
 
@@ -50,7 +65,9 @@ Recorder::~Recorder() {
   std::fclose(stream_);
 }
 
-Recorder* Recorder::active() { return active_recorder; }
+Recorder* Recorder::active() {
+  return active_recorder;
+}
 
 ssize_t Recorder::write(void* self, const char* bytes, size_t size) {
   auto& recorder = *static_cast<Recorder*>(self);
@@ -105,7 +122,9 @@ int Recorder::count(const std::string& text) {
   }));
 }
 
-bool Recorder::saw(const std::string& text) { return count(text) > 0; }
+bool Recorder::saw(const std::string& text) {
+  return count(text) > 0;
+}
 
 void Recorder::clear() {
   const std::lock_guard lock(mutex_);
@@ -139,7 +158,8 @@ std::string golden_difference(const std::string& name, const std::vector<std::st
   const std::string path = std::string(WRX_GOLDEN_DIR) + "/" + name + ".txt";
   if (std::getenv("WRX_UPDATE_GOLDEN") != nullptr) {
     std::ofstream out(path);
-    for (const std::string& line : lines) out << line << '\n';
+    for (const std::string& line : lines)
+      out << line << '\n';
     return out ? "" : "cannot write " + path;
   }
   std::ifstream in(path);

@@ -54,6 +54,12 @@ class Recorder {
 /// The next connection to the feature database is the first.
 void number_connections_anew();
 
+/// While one lives, its thread's calls of the framework are not recorded: they are the bench's own.
+struct Unrecorded {
+  Unrecorded();
+  ~Unrecorded();
+};
+
 /// "text" with its control characters, quotes and backslashes escaped as in C, in quotes.
 std::string quoted(const char* text);
 

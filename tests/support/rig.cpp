@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -23,6 +24,22 @@ namespace {
 
 constexpr char kExtraConfig[] = "etc/biometric-auth/extra.conf.d/vestrel-m6600.conf";
 constexpr char kHostConfig[] = "etc/biometric-auth/biometric-drivers.conf";
+
+// Says failures on standard error: standard output belongs to the recorder while a rig lives.
+class FailureSpeaker : public testing::EmptyTestEventListener {
+  void OnTestPartResult(const testing::TestPartResult& part) override {
+    if (part.passed()) return;
+    std::fprintf(stderr, "%s:%d: %s\n", part.file_name() != nullptr ? part.file_name() : "?",
+                 part.line_number(), part.message());
+  }
+};
+
+void speak_of_failures() {
+  static testing::TestEventListener* speaker = nullptr;
+  if (speaker != nullptr) return;
+  speaker = new FailureSpeaker;
+  testing::UnitTest::GetInstance()->listeners().Append(speaker);  // which owns it from now on
+}
 
 // A new folder that becomes the working directory, and with it the root of the driver's paths.
 std::string enter_scratch_folder() {
@@ -47,6 +64,7 @@ std::vector<Stored> in_few_words(const feature_info* list) {
 }
 
 std::vector<Stored> take(feature_info* list) {
+  const Unrecorded bench;
   std::vector<Stored> result = in_few_words(list);
   bio_sto_free_feature_info_list(list);
   return result;
@@ -66,6 +84,7 @@ wrx_module::Settings Rig::instant() {
 
 Rig::Rig(wrx_module::Settings settings)
     : device(clock, std::move(settings)), scratch_(enter_scratch_folder()) {
+  speak_of_failures();
   wrx_module::bus().reset();
   wrx_module::bus().set_clock(clock);
   wrx_module::bus().set_trace([this](const wrx_module::TraceRecord& record) { trace.usb(record); });
@@ -80,7 +99,8 @@ Rig::Rig(wrx_module::Settings settings)
 Rig::~Rig() {
   clock.join();
   if (usb_get_dev_handle() != nullptr) usb_dev_close();
-  if (lost_ != nullptr) libusb_close(lost_);
+  for (libusb_device_handle* handle : lost_)
+    libusb_close(handle);
   enable_printf_log(0);
   g_free(dev.dev_priv);
   wrx_module::bus().reset();
@@ -99,13 +119,17 @@ std::string Rig::read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
-bool Rig::file_exists(const std::string& path) { return fs::exists(path); }
+bool Rig::file_exists(const std::string& path) {
+  return fs::exists(path);
+}
 
 void Rig::extra_config(const std::string& keys) {
   write_file(kExtraConfig, "[BASIC_PARAM]\n" + keys);
 }
 
-void Rig::host_config(const std::string& keys) { write_file(kHostConfig, "[wrx5300]\n" + keys); }
+void Rig::host_config(const std::string& keys) {
+  write_file(kHostConfig, "[wrx5300]\n" + keys);
+}
 
 void Rig::install_firmware(const std::string& name, const std::string& image) {
   write_file("etc/wrx6600/extra/trv_fw.conf", name + "\n");
@@ -113,8 +137,9 @@ void Rig::install_firmware(const std::string& name, const std::string& image) {
 }
 
 void Rig::store(const Stored& feature) {
-  feature_info* info = bio_sto_new_feature_info(feature.uid, BioT_FingerPrint, "wrx5300",
-                                                feature.index, "finger");
+  const Unrecorded bench;
+  feature_info* info =
+      bio_sto_new_feature_info(feature.uid, BioT_FingerPrint, "wrx5300", feature.index, "finger");
   feature_sample** tail = &info->sample;
   for (const int slot : feature.slots) {
     *tail = bio_sto_new_feature_sample(-1, "");
@@ -128,11 +153,11 @@ void Rig::store(const Stored& feature) {
 }
 
 std::vector<Stored> Rig::stored() {
+  const Unrecorded bench;
   sqlite3* db = bio_sto_connect_db();
-  std::vector<Stored> result =
-      take(bio_sto_get_feature_info(db, -1, BioT_FingerPrint, "wrx5300", 0, -1));
+  feature_info* list = bio_sto_get_feature_info(db, -1, BioT_FingerPrint, "wrx5300", 0, -1);
   bio_sto_disconnect_db(db);
-  return result;
+  return take(list);
 }
 
 void Rig::play(const std::string& script) {
@@ -142,20 +167,24 @@ void Rig::play(const std::string& script) {
 }
 
 void Rig::lose_handle_at(int transfer) {
-  lost_ = usb_get_dev_handle();
-  wrx_module::bus().faults().on_death = [] { usb_dev_set_null(); };
+  wrx_module::bus().faults().on_death = [this] {
+    lost_.push_back(usb_get_dev_handle());
+    usb_dev_set_null();
+  };
   play("fault at " + std::to_string(transfer) + " death");
 }
 
 std::vector<int> Rig::slots() {
   std::vector<int> slots;
-  for (const auto& [slot, finger] : device.memory().templates) slots.push_back(slot);
+  for (const auto& [slot, finger] : device.memory().templates)
+    slots.push_back(slot);
   return slots;
 }
 
 std::vector<int> Rig::asked() {
   std::vector<int> codes;
-  for (const wrx_module::CommandRecord& command : device.commands()) codes.push_back(command.code);
+  for (const wrx_module::CommandRecord& command : device.commands())
+    codes.push_back(command.code);
   return codes;
 }
 

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <libbiometric.h>
-#include <libusb.h>
+#include <libusb-1.0/libusb.h>
 
 #include <functional>
 #include <memory>
@@ -104,7 +104,7 @@ class Rig {
     void operator()(GKeyFile* file) const { g_key_file_free(file); }
   };
   std::string scratch_;
-  libusb_device_handle* lost_ = nullptr;
+  std::vector<libusb_device_handle*> lost_;
   std::unique_ptr<GKeyFile, KeyFileDeleter> host_conf_;
 };
 

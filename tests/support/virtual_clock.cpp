@@ -20,22 +20,30 @@ namespace {
 std::atomic<VirtualClock*> active_clock{nullptr};
 }  // namespace
 
-VirtualClock::VirtualClock() { active_clock = this; }
+VirtualClock::VirtualClock() {
+  active_clock = this;
+}
 
 VirtualClock::~VirtualClock() {
   join();
   active_clock = nullptr;
 }
 
-void VirtualClock::retire() { active_clock = nullptr; }
+void VirtualClock::retire() {
+  active_clock = nullptr;
+}
 
-VirtualClock* VirtualClock::active() { return active_clock; }
+VirtualClock* VirtualClock::active() {
+  return active_clock;
+}
 
 void VirtualClock::sleep_us(int64_t us) {
   if (us > 0) sleep_until(now_us_ + us, false);
 }
 
-void VirtualClock::wait_until_or_poked(int64_t t_us) { sleep_until(t_us, true); }
+void VirtualClock::wait_until_or_poked(int64_t t_us) {
+  sleep_until(t_us, true);
+}
 
 void VirtualClock::poke() {
   const std::lock_guard lock(mutex_);
@@ -55,9 +63,8 @@ void VirtualClock::sleep_until(int64_t wake_us, bool pokable) {
 void VirtualClock::hand_over(std::unique_lock<std::mutex>& lock) {
   for (;;) {
     const auto next =
-        std::min_element(sleepers_.begin(), sleepers_.end(), [](const auto& a, const auto& b) {
-          return a.wake_us < b.wake_us;
-        });
+        std::min_element(sleepers_.begin(), sleepers_.end(),
+                         [](const auto& a, const auto& b) { return a.wake_us < b.wake_us; });
     const int64_t wake_us = next == sleepers_.end() ? wrx_module::kNever : next->wake_us;
     lock.unlock();
     const int64_t event_us = wrx_module::bus().next_event_us();
@@ -99,8 +106,10 @@ void VirtualClock::at(int64_t at_us, std::function<void()> action) {
 }
 
 void VirtualClock::join() {
-  while (alive_ > 0) sleep_us(1000);
-  for (std::thread& thread : threads_) thread.join();
+  while (alive_ > 0)
+    sleep_us(1000);
+  for (std::thread& thread : threads_)
+    thread.join();
   threads_.clear();
 }
 
@@ -115,7 +124,8 @@ int usleep(useconds_t us) {
     clock->sleep_us(us);
     return 0;
   }
-  struct timespec left = {static_cast<time_t>(us / 1000000), static_cast<long>(us % 1000000) * 1000};
+  struct timespec left = {static_cast<time_t>(us / 1000000),
+                          static_cast<long>(us % 1000000) * 1000};
   while (nanosleep(&left, &left) != 0) {
   }
   return 0;
