@@ -261,7 +261,7 @@ TEST_F(Framework, EveryNumberAnOperationCanEndWithHasATextAndReachesTheHook) {
 
 TEST_F(Framework, TheDriversTextComesFirstAndAskingForItLeavesNoLogLine) {
   dev_.ops_get_notify_mid_mesg = [](bio_dev* dev) -> const char* {
-    bio_print_debug("asked\n");
+    bio_print_error("asked\n");
     return bio_get_notify_mid(dev) == 9 ? "press again" : nullptr;
   };
   bio_set_notify_abs_mid(&dev_, 9);

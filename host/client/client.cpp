@@ -57,19 +57,31 @@ void Client::watch() {
   if (tick_) tick_();
 }
 
-host::Outcome Client::operate(const std::function<void(bio_dev&)>& operation) {
+host::Outcome Client::operate(const std::string& prompt,
+                              const std::function<void(bio_dev&)>& operation) {
   requireDatabase();
   run([this] {
     plugin_->initialise();
     if (plugin_->discover() < 1)
       throw Failure(Outcome::Absent, "no module was found; is it plugged in, and may you use it?");
   });
-  run([this, &operation] {
+  run([&] {
     const host::OpenDevice opened(*plugin_);
     if (stopRequested()) throw Failure(Outcome::Stopped, "stopped before the operation began");
+    if (!prompt.empty()) output_.note(prompt);
     operation(device());
   });
-  return outcome();
+  const Outcome ended = outcome();
+  const bool silent = ended == Outcome::TimedOut || ended == Outcome::Failed;
+  return silent && moduleIsGone() ? Outcome::Absent : ended;
+}
+
+bool Client::moduleIsGone() {
+  // To the driver, a module that was pulled out is one that stays silent.
+  if (stopRequested()) return false;
+  int found = 0;
+  run([&] { found = plugin_->discover(); });
+  return found < 1;
 }
 
 host::Outcome Client::consult(const std::function<void(bio_dev&)>& operation) {

@@ -51,9 +51,10 @@ class Client {
   void setDeadline(std::optional<int> timeout_ms);
 
   /// Runs one operation as a framework service would: database checked, driver started, module
-  /// found and opened, `operation`, closed. The outcome is the result word's, unless the database
-  /// failed or the time given by setDeadline ran out.
-  host::Outcome operate(const std::function<void(bio_dev&)>& operation);
+  /// found and opened, `operation`, closed. `prompt` (may be empty) is said when the module is
+  /// ready. The outcome is the result word's, unless the database failed or the time given by
+  /// setDeadline ran out.
+  host::Outcome operate(const std::string& prompt, const std::function<void(bio_dev&)>& operation);
 
   /// Runs an operation that reads the database alone; the module rests.
   host::Outcome consult(const std::function<void(bio_dev&)>& operation);
@@ -72,6 +73,7 @@ class Client {
   void watch();
   host::Outcome outcome();
   void requireDatabase();
+  bool moduleIsGone();
 
   const Options& options_;
   Output& output_;

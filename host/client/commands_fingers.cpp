@@ -112,10 +112,10 @@ Report enroll(Client& client) {
   const int index = enrol_index(client, client.fingers(options.uid, 0, kNoUpperEnd));
   std::string finger_name = options.finger_name;
   client.monitor().onDuplicate([&client] { client.requestStop(); });
-  client.output().note(
+  const std::string prompt =
       fmt::format("Enrolling finger {} (\"{}\") of {}: touch the sensor once, then {} times more.",
-                  index, finger_name, user_words(options.uid), host::kEnrolStages));
-  const Outcome outcome = client.operate([&](bio_dev& device) {
+                  index, finger_name, user_words(options.uid), host::kEnrolStages);
+  const Outcome outcome = client.operate(prompt, [&](bio_dev& device) {
     device.ops_enroll(&device, ACTION_START, options.uid, index, finger_name.data());
   });
   if (outcome != Outcome::Success) return enrol_refusal(client, outcome);
@@ -127,10 +127,11 @@ Report enroll(Client& client) {
 Report verify(Client& client) {
   const Options& options = client.options();
   const int index = verify_index(client);
-  client.output().note(
-      fmt::format("Verifying finger {} of {}: touch the sensor.", index, user_words(options.uid)));
-  const Outcome outcome = client.operate(
-      [&](bio_dev& device) { device.ops_verify(&device, ACTION_START, options.uid, index); });
+  const std::string prompt =
+      fmt::format("Verifying finger {} of {}: touch the sensor.", index, user_words(options.uid));
+  const Outcome outcome = client.operate(prompt, [&](bio_dev& device) {
+    device.ops_verify(&device, ACTION_START, options.uid, index);
+  });
   if (!answered(outcome)) return unanswered(client, outcome);
   return {outcome,
           result_words(client) + ".",
@@ -142,8 +143,7 @@ Report identify(Client& client) {
   const Options& options = client.options();
   const IndexRange range = selected(options);
   int found = -1;
-  const Outcome outcome = client.operate([&](bio_dev& device) {
-    client.output().note("Identifying: touch the sensor.");
+  const Outcome outcome = client.operate("Identifying: touch the sensor.", [&](bio_dev& device) {
     client.setDeadline(options.timeout_ms);  // the driver has no limit of its own here
     found = device.ops_identify(&device, ACTION_START, options.uid, range.first, range.last);
   });
@@ -166,8 +166,7 @@ Report search(Client& client) {
   const Options& options = client.options();
   const IndexRange range = selected(options);
   feature_info* list = nullptr;
-  const Outcome outcome = client.operate([&](bio_dev& device) {
-    client.output().note("Searching: touch the sensor.");
+  const Outcome outcome = client.operate("Searching: touch the sensor.", [&](bio_dev& device) {
     list = device.ops_search(&device, ACTION_START, options.uid, range.first, range.last);
   });
   const auto found = taken(list);
@@ -196,7 +195,7 @@ Report clean(Client& client) {
   const Options& options = client.options();
   const IndexRange range = selected(options);
   const auto before = client.fingers(options.uid, range.first, range.last);
-  const Outcome outcome = client.operate([&](bio_dev& device) {
+  const Outcome outcome = client.operate("", [&](bio_dev& device) {
     device.ops_clean(&device, ACTION_START, options.uid, range.first, range.last);
   });
   const auto left = client.fingers(options.uid, range.first, range.last);

@@ -12,13 +12,16 @@
 
 #include "commands.h"
 #include "driver_info.h"
+#include "protocol/procedures.h"
+#include "upgrade/bootloader.h"
+#include "upgrade/upgrade.h"
 
 namespace wrx::client {
 namespace {
 
 using host::Outcome;
 
-constexpr uint32_t kLargestImage = 0x200000;
+using wrx::upgrade::kMaxImage;
 
 bool versions_differ(const FirmwareState& state) {
   return state.module->text != state.image->version.text;
@@ -63,13 +66,13 @@ std::string text_of(char* (*function)()) {
 std::optional<uint16_t> crc_of(const host::PluginHost& plugin, const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) return std::nullopt;
-  std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
-  const auto crc = plugin.function<uint16_t(char*, uint32_t)>("CRC16_X25");
+  const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+  const auto crc = plugin.function<decltype(CRC16_X25)>("CRC16_X25");
   return crc(bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
 bool usable(const FirmwareImage& image) {
-  return image.size >= 1 && image.size <= kLargestImage && image.crc.has_value();
+  return image.size >= 1 && image.size <= kMaxImage && image.crc.has_value();
 }
 
 std::string words(const FirmwareVersion& version) {
@@ -131,25 +134,31 @@ FirmwareDecision decide(const FirmwareState& state) {
 }
 
 std::optional<FirmwareVersion> ask_module(const host::PluginHost& plugin) {
-  if (plugin.function<int32_t()>("fp_get_firmware_version")() != 0) return std::nullopt;
+  if (plugin.function<decltype(fp_get_firmware_version)>("fp_get_firmware_version")() != 0)
+    return std::nullopt;
   FirmwareVersion version = last_heard(plugin);
   if (version.text.empty()) return std::nullopt;
   return version;
 }
 
 FirmwareVersion last_heard(const host::PluginHost& plugin) {
-  return {text_of(plugin.function<char*()>("fp_return_firmware_version")),
-          plugin.function<uint32_t()>("fp_return_firmware_version_num")()};
+  return {
+      text_of(plugin.function<decltype(fp_return_firmware_version)>("fp_return_firmware_version")),
+      plugin.function<decltype(fp_return_firmware_version_num)>(
+          "fp_return_firmware_version_num")()};
 }
 
 std::optional<FirmwareImage> selected_image(const host::PluginHost& plugin) {
   FirmwareImage image;
-  image.version = {text_of(plugin.function<char*()>("upgrade_new_firmware_version")),
-                   plugin.function<uint32_t()>("upgrade_new_firmware_version_num")()};
+  image.version = {text_of(plugin.function<decltype(upgrade_new_firmware_version)>(
+                       "upgrade_new_firmware_version")),
+                   plugin.function<decltype(upgrade_new_firmware_version_num)>(
+                       "upgrade_new_firmware_version_num")()};
   if (image.version.text.empty()) return std::nullopt;
-  image.path = text_of(plugin.function<char*()>("upgrade_new_firmware_name"));
-  image.size = plugin.function<uint32_t(const char*)>("get_file_size")(image.path.c_str());
-  if (image.size >= 1 && image.size <= kLargestImage) image.crc = crc_of(plugin, image.path);
+  image.path =
+      text_of(plugin.function<decltype(upgrade_new_firmware_name)>("upgrade_new_firmware_name"));
+  image.size = plugin.function<decltype(get_file_size)>("get_file_size")(image.path.c_str());
+  if (image.size >= 1 && image.size <= kMaxImage) image.crc = crc_of(plugin, image.path);
   return image;
 }
 

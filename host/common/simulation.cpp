@@ -60,6 +60,13 @@ std::string Simulation::report() const {
   return length < 0 ? "" : text;
 }
 
+void Simulation::play(const std::string& script) const {
+  char error[512] = "";
+  const auto play = function<decltype(wrx_simulate_play)>(library_, "wrx_simulate_play");
+  if (play(script.c_str(), error, sizeof error) != 0)
+    throw Failure(Outcome::Usage, std::string("the simulated module: ") + error);
+}
+
 void Simulation::finish() {
   if (!running_) return;
   running_ = false;

@@ -20,6 +20,9 @@ class Simulation {
   /// The module's state as JSON text; empty when there is none. From any thread.
   std::string report() const;
 
+  /// Runs a further script on the module. Throws Failure when it is none. From any thread.
+  void play(const std::string& script) const;
+
   /// Takes the module off the bus and keeps its memory. Throws Failure when it cannot be written.
   void finish();
 
