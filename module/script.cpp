@@ -32,7 +32,7 @@ struct Failure {
 // A word as an error message shows it.
 std::string shown(std::string_view text) {
   constexpr size_t kShown = 24;
-  return "'" + std::string(text.substr(0, kShown)) + (text.size() > kShown ? "…'" : "'");
+  return std::string("'").append(text.substr(0, kShown)).append(text.size() > kShown ? "…'" : "'");
 }
 
 std::optional<int64_t> whole_number(std::string_view text) {

@@ -109,7 +109,7 @@ std::vector<std::string> setting_names() {
   std::vector<std::string> names;
   for (const SettingRow& row : kSettings) {
     std::string name(row.name);
-    if (row.kind == ValueKind::choice) name += " " + std::string(row.words);
+    if (row.kind == ValueKind::choice) name.append(" ").append(row.words);
     if (row.kind == ValueKind::number) name += " N";
     if (row.kind == ValueKind::time) name += " TIME";
     if (row.kind == ValueKind::delay) name += " TIME|never";

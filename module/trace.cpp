@@ -49,7 +49,7 @@ std::string trace_line(const TraceRecord& r) {
   switch (r.kind) {
     case TraceKind::open:
       line += print("usb-open %04x:%04x ", r.vendor, r.product);
-      return line + (r.handle == 0 ? "none" : "#" + std::to_string(r.handle));
+      return line + (r.handle == 0 ? "none" : print("#%d", r.handle));
     case TraceKind::close:
       return line + "usb-close #" + std::to_string(r.handle);
     case TraceKind::claim:
