@@ -38,7 +38,7 @@ struct Options {
 
 constexpr char kExample[] =
     "The script drives the module's fingers, faults and settings, for example:\n"
-    "  press thumb x13; at 40s press index; at 41s lift\n"
+    "  press thumb x13; at 40s; press index; wait 1s; lift\n"
     "  unplug after 20 transfers; fault at 3 stall; powerup match 21\n"
     "  set press-gap 500ms\n"
     "Settings:\n";

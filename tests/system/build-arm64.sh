@@ -1,0 +1,15 @@
+#!/bin/bash
+# SPDX-License-Identifier: LGPL-2.1-or-later
+# Cross-builds everything for 64-bit Arm into build/arm64. With --test the unit tests run too,
+# under qemu-user.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+source=$(cd "$here/../.." && pwd)
+. "$here/packages.sh"
+
+# shellcheck disable=SC2086
+install_packages $BUILD_PACKAGES
+cd "$source"
+cmake --preset arm64 | tail -n 3
+cmake --build --preset arm64
+[ "${1:-}" != --test ] || ctest --preset arm64 -j "$(nproc)"
