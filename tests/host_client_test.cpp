@@ -203,7 +203,10 @@ TEST_F(Client, CtrlCAsksTheDriverToStopAndASecondOneLeavesAtOnce) {
   // take seconds.
   const Ended ended = simulate("init", "set empty-read times-out", {"Starting", "Stopping"});
   EXPECT_EQ(ended.code, kStopped);
-  EXPECT_EQ(ended.last()["message"], "left at once") << ended.out;
+  // On a busy machine the first request may come before the start has begun.
+  const std::string message = ended.last()["message"];
+  EXPECT_TRUE(message == "left at once" || message == "stopped before the operation began")
+      << ended.out;
 }
 
 TEST_F(Client, TheDecisionShownIsTheOneTheNextStartTakes) {
