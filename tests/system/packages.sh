@@ -18,16 +18,14 @@ as_root() {
 # Installs those of the packages that are missing.
 install_packages() {
   local missing="" package
-  if ! dpkg --print-foreign-architectures | grep -qx arm64; then
-    as_root dpkg --add-architecture arm64
-    as_root apt-get update -q
-  fi
+  dpkg --print-foreign-architectures | grep -qx arm64 || as_root dpkg --add-architecture arm64
   for package in "$@"; do
     dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
       missing="$missing $package"
   done
   [ -z "$missing" ] && return
   echo "installing:$missing"
+  as_root apt-get update -qq
   # shellcheck disable=SC2086
   as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get install -q -y --no-install-recommends $missing >/dev/null

@@ -4,7 +4,8 @@
 # the scenarios of guest/scenarios.sh there, shared out between two guests. Green only when every
 # guest itself says that all its scenarios have passed; otherwise its whole console is shown.
 #
-#   run.sh [WORD…]       only the scenarios whose names contain these words
+#   run.sh [WORD…]          only the scenarios whose names contain these words
+#   run.sh --packages-only  installs and downloads what the run needs, and no more
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source=$(cd "$here/../.." && pwd)
@@ -15,7 +16,11 @@ limit=${WRX_GUEST_LIMIT:-180}  # seconds; an ordinary run takes less than two th
 . "$here/packages.sh"
 
 # shellcheck disable=SC2086
-install_packages $SYSTEM_PACKAGES
+install_packages $SYSTEM_PACKAGES $BUILD_PACKAGES
+if [ "${1:-}" = --packages-only ]; then
+  download_guest "$out/debs"
+  exit
+fi
 [ -n "${WRX_ARM64_BUILD:-}" ] || "$here/build-arm64.sh"
 "$here/make-image.sh" "$build" "$out"
 
