@@ -123,7 +123,9 @@ sqlite3* connect(const std::string& path) {
   if (code != SQLITE_OK)
     throw StoreError(code, raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(code));
   sqlite3_busy_timeout(raw, database_busy_ms());
-  execute(raw, "PRAGMA foreign_keys = ON; PRAGMA synchronous = FULL");
+  // EXTRA also syncs the folder after the journal is gone: without it, a power loss right after a
+  // success was told can bring the journal back and undo it.
+  execute(raw, "PRAGMA foreign_keys = ON; PRAGMA synchronous = EXTRA");
   Transaction probe(raw);  // the write lock shows that nobody else holds the file
   make_or_check_schema(raw);
   check_health(raw);
