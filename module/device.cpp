@@ -143,6 +143,14 @@ void Device::power_cycle(std::optional<int64_t> at_us) {
   plug(at_us);
 }
 
+void Device::bus_reset() {
+  const int64_t at = moment({});
+  if (!on_bus_) return;
+  if (told_) told_({at, mode_, false});
+  ++enumeration_;
+  if (told_) told_({at, mode_, true});
+}
+
 void Device::press(Press press, std::optional<int64_t> at_us) {
   const int64_t at = moment(at_us);
   sensor_.press(std::move(press), at);

@@ -83,6 +83,8 @@ class Device {
   /// The module loses its power; plug() gives it back.
   void cut_power(std::optional<int64_t> at_us = {});
   void power_cycle(std::optional<int64_t> at_us = {});
+  /// The bus enumerates the device anew: handles die, the module notices nothing.
+  void bus_reset();
   void press(Press press, std::optional<int64_t> at_us = {});
   void lift(std::optional<int64_t> at_us = {});
   void queue_press(Press press);

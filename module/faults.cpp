@@ -30,10 +30,12 @@ constexpr Row kKinds[] = {
     {FaultKind::stale, "stale", FaultValue::none, Fits::answer},
     {FaultKind::garbage, "garbage", FaultValue::none, Fits::answer},
     {FaultKind::twice, "twice", FaultValue::none, Fits::answer},
+    {FaultKind::foreign, "foreign", FaultValue::none, Fits::answer},
     {FaultKind::wrong_ack, "wrongack", FaultValue::none, Fits::acknowledgement},
     {FaultKind::empty_ack, "emptyack", FaultValue::none, Fits::acknowledgement},
     {FaultKind::delay, "delay", FaultValue::time, Fits::any},
     {FaultKind::unplug, "unplug", FaultValue::none, Fits::any},
+    {FaultKind::reset, "reset", FaultValue::none, Fits::any},
     {FaultKind::power_cut, "powercut", FaultValue::none, Fits::any},
     {FaultKind::death, "death", FaultValue::none, Fits::any},
 };
@@ -81,6 +83,10 @@ FaultValue fault_value(FaultKind kind) {
   return row(kind).value;
 }
 
+bool fault_fits(FaultKind kind, const TransferShape& shape) {
+  return fits(kind, shape);
+}
+
 void FaultPlan::add(Fault fault) {
   const std::lock_guard lock(mutex_);
   plan_.push_back(fault);
@@ -109,6 +115,7 @@ std::optional<Fault> FaultPlan::next(const TransferShape& shape) {
   plan_.erase(due);
   fault.at = count_;
   struck_.push_back(fault);
+  if (on_strike) on_strike();
   return fault;
 }
 

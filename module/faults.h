@@ -31,10 +31,12 @@ enum class FaultKind {
   stale,       ///< in, not an acknowledgement: an old report comes first
   garbage,     ///< in, not an acknowledgement: bytes that are no packet come first
   twice,       ///< in, not an acknowledgement: everything comes twice
+  foreign,     ///< in, not an acknowledgement: a good answer to another command comes instead
   wrong_ack,   ///< acknowledgement: four bytes none of which is in its place
   empty_ack,   ///< acknowledgement: zero bytes
   delay,       ///< completes `value` microseconds late
   unplug,      ///< the device is pulled out first
+  reset,       ///< the bus enumerates the device anew first: it keeps its power, the handle is dead
   power_cut,   ///< the module loses its power first and gets it back at once
   death,       ///< the plan's on_death runs first, then as no_device
 };
@@ -58,6 +60,9 @@ struct TransferShape {
   bool acknowledgement = false;
 };
 
+/// Whether a fault of the kind can strike such a transfer.
+bool fault_fits(FaultKind kind, const TransferShape& shape);
+
 /// The faults still to come, and the count of transfers so far. May be used from any thread.
 class FaultPlan {
  public:
@@ -72,6 +77,9 @@ class FaultPlan {
   std::vector<Fault> struck() const;
   /// Run by a fault of the kind death, on the thread of the transfer, without the bench's lock.
   std::function<void()> on_death;
+  /// Run whenever a fault strikes, on the thread of the transfer, under the bench's lock: it may
+  /// note the moment or start a thread, but not touch the bench.
+  std::function<void()> on_strike;
 
  private:
   mutable std::mutex mutex_;

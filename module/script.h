@@ -13,8 +13,9 @@
 //   plug | unplug | cut-power | power-cycle
 //   unplug after N transfers           the transfer after the next N finds the device gone
 //   fault at N KIND [VALUE]            transfer N from here: timeout, stall, io, nodev, short N,
-//                                      overflow, corrupt N, stale, garbage, twice, wrongack,
-//                                      emptyack, delay TIME, unplug, powercut, death
+//                                      overflow, corrupt N, stale, garbage, twice, foreign,
+//                                      wrongack, emptyack, delay TIME, unplug, reset, powercut,
+//                                      death
 //   powerup match SLOT… | nomatch | none   [single | list]
 //   refuse COMMAND CODE [xN]           the command (a number) is answered with CODE
 //   set NAME VALUE                     one of the module's settings, see setting_names()

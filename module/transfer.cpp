@@ -17,6 +17,12 @@ constexpr std::array<uint8_t, 13> kStaleReport = {0xEF, 0x01, 0xFF, 0xFF, 0xFF, 
                                                   0x00, 0x04, 0x00, 0x01, 0x00, 0x0C};
 // A head that is none, half a head, and noise.
 constexpr std::array<uint8_t, 6> kGarbage = {0x00, 0xEF, 0x02, 0x13, 0x01, 0xEF};
+// A good answer to a request for the system parameters; a good answer to the bootloader's readout
+// of its flash.
+constexpr std::array<uint8_t, 22> kForeignAnswer = {0xEF, 0x01, 0xFF, 0xFF, 0xFF, 0xFF, 0x07, 0x00,
+                                                    0x0D, 0x00, 0x00, 0x02, 0x01, 0x00, 0x00, 0x03,
+                                                    0xFF, 0xFF, 0xFF, 0xFF, 0x04, 0x16};
+constexpr std::array<uint8_t, 7> kForeignFrame = {0xAA, 0xD0, 0x01, 0x00, 0x00, 0x2E, 0x55};
 constexpr uint8_t kFlippedBits = 0x5A;
 
 }  // namespace
@@ -49,6 +55,9 @@ TransferStatus BulkTransfer::strike() {
       return TransferStatus::gone;
     case FaultKind::unplug:
       device_.unplug();
+      return TransferStatus::gone;
+    case FaultKind::reset:
+      device_.bus_reset();
       return TransferStatus::gone;
     case FaultKind::power_cut:
       device_.power_cycle();
@@ -126,6 +135,13 @@ void BulkTransfer::change(std::vector<uint8_t>& data) const {
       data.insert(data.end(), again.begin(), again.end());
       break;
     }
+    case FaultKind::foreign:
+      if (endpoint_ == kApplicationIn) {
+        data.assign(kForeignAnswer.begin(), kForeignAnswer.end());
+      } else {
+        data.assign(kForeignFrame.begin(), kForeignFrame.end());
+      }
+      break;
     case FaultKind::wrong_ack:
       data.assign(kAcknowledgementBytes, 0);
       break;

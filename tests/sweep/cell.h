@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// One cell of the sweep: an operation, the transfers of it that go wrong, and how; run in a world
+// of its own, in virtual time, and judged.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sweep/faults.h"
+#include "sweep/operations.h"
+
+namespace sweep {
+
+/// The kind of module, and whether the user asks for a stop in the moment of the fault.
+struct Setting {
+  wrx_module::EmptyRead empty = wrx_module::EmptyRead::answers_empty;
+  uint16_t packet = 64;
+  bool stop = false;
+};
+
+/// A fault at a transfer; 0 is before the first one.
+struct Strike {
+  int transfer = 0;
+  Role role = Role::call;
+  const FaultRow* fault = nullptr;
+};
+
+struct Cell {
+  const Operation* operation = nullptr;
+  Setting setting;
+  std::vector<Strike> strikes;  ///< in order of their transfers
+};
+
+/// "enroll:17:stale:once,64,stop", or "enroll:17+18:stale+io:…" for two faults.
+std::string coordinates(const Cell& cell);
+/// Reads such a text, settings optional; without a result `error` says what is wrong.
+std::optional<Cell> cell_named(const std::string& text, std::string& error);
+
+/// What is asserted of every cell.
+enum class Check {
+  strike,  ///< the faults strike where they were meant to
+  bound,   ///< the operation ends within its waits
+  status,  ///< the status word is idle again
+  words,   ///< result and notification are a pair of its own
+  stop,    ///< a stop is acknowledged
+  slots,   ///< every record has its slot to itself, with the right finger in it
+  after    ///< opening anew and a verify work
+};
+std::string_view check_name(Check check);
+
+struct Failure {
+  Check check;
+  std::string what;
+};
+
+struct Outcome {
+  std::vector<Failure> failures;
+  int64_t ms = 0;  ///< that the operation took
+  int returned = 0;
+  Words words;
+  std::string told;   ///< the last text for the user
+  std::string state;  ///< of handshake word, records, slots and the verify after it
+  std::vector<std::string> trace;
+};
+
+/// The roles of all transfers that the operation makes when nothing goes wrong.
+std::vector<Role> transfers_of(const Operation& operation, const Setting& setting);
+/// Runs a cell. Traced, it takes longer and the outcome has its trace.
+Outcome run(const Cell& cell, bool traced = false);
+
+}  // namespace sweep

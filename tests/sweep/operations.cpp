@@ -1,0 +1,275 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The table of operations.
+#include "sweep/operations.h"
+
+#include "operations/module_procedures.h"
+#include "protocol/packet.h"
+#include "protocol/procedures.h"
+#include "upgrade_support.h"
+
+namespace sweep {
+namespace {
+
+using wrx_module::Settings;
+using wrx_test::Rig;
+
+// ---- time: sums of the waits, all in milliseconds
+
+constexpr int64_t kOperationLimit = 5000;  // the framework's, as the rig sets it
+constexpr int64_t kReadingPause = 2000;
+
+// An exchange whose answer never comes: a first wait, then attempts with a pause behind each.
+constexpr int64_t exchange(int64_t read, int64_t wait, int64_t attempts, int64_t pause) {
+  return wait + attempts * (read + pause);
+}
+constexpr int64_t drain(int64_t read) {
+  return read;
+}  // the first read that fails ends it
+constexpr int64_t cancel(int64_t read) {
+  return exchange(read, 20, 5, 20) + drain(read);
+}
+constexpr int64_t identification(int64_t read) {
+  return exchange(read, 20, 3, 20) + kOperationLimit + read + 20 + cancel(read);
+}
+constexpr int64_t matching(int64_t read) {
+  return drain(read) + identification(read);
+}
+constexpr int64_t presses(int64_t read) {
+  constexpr int64_t kReports = 13 * 3 + 3;
+  return kReports * 30 + kOperationLimit + read + 30 + cancel(read);
+}
+constexpr int64_t enrolment(int64_t read) {
+  return matching(read) + 2 * exchange(read, 20, 10, 20) + exchange(read, 20, 3, 20) +
+         presses(read) + kReadingPause;
+}
+constexpr int64_t cleaning(int64_t read) {
+  return 2 * exchange(read, 20, 5, 20);
+}
+constexpr int64_t starting(int64_t read) {
+  const int64_t powerup = drain(read) + exchange(read, 20, 3, 20) + 5 * (read + 20) + cancel(read);
+  return powerup + exchange(read, 20, 10, 20) + 5 * (read + 20);
+}
+// Ten attempts, a second apart, each of which may have to restart the module first.
+constexpr int64_t upgrading(int64_t read) {
+  constexpr int64_t kFrames = 8, kFramePauses = 4;
+  const int64_t restart = exchange(read, 70, 1, 0) + 1000;
+  return starting(read) + restart + 10 * (restart + kFrames * kFramePauses + 1000) + 1000;
+}
+constexpr int64_t recovering(int64_t) {
+  return 8 * 4 + 1000;
+}
+constexpr int64_t command(int64_t read) {
+  return exchange(read, 100, 10, 20) + cancel(read);
+}
+constexpr int64_t nothing(int64_t) {
+  return 0;
+}
+
+// ---- words
+
+constexpr Words kUntouched[] = {{0, 0}};
+constexpr Words kOpened[] = {{100, 100}};
+constexpr Words kMayOpen[] = {{100, 100}, {101, 101}};
+// 9 is a text of the driver's own: no room.
+constexpr Words kEnroll[] = {{200, 200}, {201, 201}, {201, 9}, {202, 202}, {204, 204}, {3, 3}};
+constexpr Words kVerify[] = {{300, 300}, {301, 301}, {302, 302}, {304, 304}, {3, 3}};
+constexpr Words kIdentify[] = {{400, 400}, {401, 401}, {402, 402}, {3, 3}};
+constexpr Words kSearch[] = {{600, 600}, {601, 601}, {602, 602}, {604, 604}, {3, 3}};
+constexpr Words kClean[] = {{700, 700}, {701, 701}};
+constexpr Words kList[] = {{800, 100}};  // no notification of its own: that of the opening stays
+
+// ---- worlds
+
+void configured(Rig& rig) {
+  rig.configure();
+}
+void opened(Rig& rig) {
+  rig.configure();
+  rig.info().timeoutMS = kOperationLimit;
+  rig.open();
+}
+void pressed(Rig& rig) {
+  opened(rig);
+  rig.play("press thumb x2");
+}
+void picture_taken(Rig& rig) {
+  opened(rig);
+  rig.play("at 0ms; press thumb");
+  fp_get_fprint_img();
+}
+void new_finger(Rig& rig) {
+  opened(rig);
+  rig.play("press ring x13");
+}
+// Another user has the finger already, and the module stores no finger twice.
+void strangers_finger(Rig& rig) {
+  rig.store({Rig::kUser + 1, 0, {30}});
+  rig.device.memory().templates[30] = "ring";
+  new_finger(rig);
+}
+void upgrade_due(Rig& rig) {
+  rig.extra_config("UpgradeMode=AUTO_UPGRADE\nUpgradeFlag=5\n");
+  rig.install_firmware("ACM32FP_V101", wrx_test::image_of(481));
+  rig.configure();
+}
+void torn_upgrade(Rig& rig) {
+  wrx_test::break_firmware(rig);
+  upgrade_due(rig);
+}
+void held_result(Rig& rig) {
+  rig.start();
+  rig.open();
+}
+void whole_steps(Settings& settings) {
+  settings.link.batch = wrx_module::Batch::one_step;
+}
+void stores_nothing_twice(Settings& settings) {
+  whole_steps(settings);
+  settings.procedure.refuse_duplicates = true;
+}
+void new_image(Settings& settings) {
+  settings.bootloader.version_of_image = [](auto) { return 101U; };
+}
+void powered_by_finger(Settings& settings) {
+  settings.power_up.outcome = wrx_module::PowerUpOutcome::match;
+  settings.power_up.slots = {20};
+}
+void told_with_version(Settings& settings) {
+  powered_by_finger(settings);
+  settings.power_up.form = wrx_module::ResultForm::list;
+  settings.power_up.answers_identify = false;
+}
+
+// ---- calls
+
+int start(Rig& rig) {
+  return rig.driver_init();
+}
+int discover(Rig& rig) {
+  return rig.discover();
+}
+int reopen(Rig& rig) {
+  rig.close();
+  return rig.open();
+}
+int enroll(Rig& rig) {
+  return rig.enroll(Rig::kUser, 3, "ring");
+}
+int verify(Rig& rig) {
+  return rig.verify();
+}
+int identify(Rig& rig) {
+  return rig.identify();
+}
+int search(Rig& rig) {
+  return static_cast<int>(rig.search().size());
+}
+int clean(Rig& rig) {
+  return rig.clean(Rig::kUser, 1, 2);
+}
+int list(Rig& rig) {
+  return static_cast<int>(rig.list().size());
+}
+template <auto procedure, auto... arguments>
+int call(Rig&) {
+  return procedure(arguments...);
+}
+int set_mode(Rig&) {
+  return fp_set_mode("TEST", 4);
+}
+
+constexpr Leaves kStart = {.needs_start = true};
+constexpr Leaves kPower = {.needs_power = true};
+constexpr Leaves kErases = {.erases = true};
+constexpr Stop kNone = Stop::none;
+
+#define WRX_COMMAND(function, ...)                                                           \
+  {                                                                                          \
+#function, nullptr, opened, call < function __VA_OPT__(, ) __VA_ARGS__>, kOpened, kNone, \
+        command, {}                                                                          \
+  }
+
+constexpr Operation kOperations[] = {
+    {"start", nullptr, configured, start, kUntouched, kNone, starting, kStart},
+    {"start-powerup", powered_by_finger, configured, start, kUntouched, kNone, starting, kStart},
+    {"start-version", told_with_version, configured, start, kUntouched, kNone, starting, kStart},
+    {"upgrade", new_image, upgrade_due, start, kUntouched, kNone, upgrading, kStart},
+    {"recover", new_image, torn_upgrade, start, kUntouched, kNone, recovering, kStart},
+    {"discover", nullptr, configured, discover, kUntouched, kNone, nothing, {}},
+    {"open", nullptr, opened, reopen, kMayOpen, kNone, nothing, {}},
+    {"enroll", whole_steps, new_finger, enroll, kEnroll, Stop::ends, enrolment, {}},
+    {"enroll-unstored",
+     stores_nothing_twice,
+     strangers_finger,
+     enroll,
+     kEnroll,
+     Stop::ends,
+     enrolment,
+     {}},
+    {"verify", nullptr, pressed, verify, kVerify, Stop::ends, matching, {}},
+    {"identify", nullptr, pressed, identify, kIdentify, Stop::only_end, matching, {}},
+    {"identify-held",
+     powered_by_finger,
+     held_result,
+     identify,
+     kIdentify,
+     Stop::ends,
+     matching,
+     {}},
+    {"search", nullptr, pressed, search, kSearch, Stop::ends, matching, {}},
+    {"clean", nullptr, opened, clean, kClean, Stop::none, cleaning, {}},
+    {"list", nullptr, opened, list, kList, Stop::none, nothing, {}},
+    WRX_COMMAND(fp_get_firmware_version),
+    {"fp_get_fprint_img", nullptr, pressed, call<fp_get_fprint_img>, kOpened, kNone, command, {}},
+    {"fp_upload_fprint_img",
+     nullptr,
+     picture_taken,
+     call<fp_upload_fprint_img>,
+     kOpened,
+     kNone,
+     command,
+     {}},
+    WRX_COMMAND(fp_force_get_fprint_img),
+    WRX_COMMAND(fp_read_sys_param),
+    WRX_COMMAND(fp_set_chip_addr, 0x01020304U),
+    WRX_COMMAND(fp_read_flash_info_page),
+    WRX_COMMAND(fp_read_index_table, 0),
+    WRX_COMMAND(fp_get_chip_serial_num),
+    WRX_COMMAND(fp_handshake),
+    WRX_COMMAND(fp_cancel),
+    {"fp_sleep", nullptr, opened, call<fp_sleep>, kOpened, kNone, command, kPower},
+    WRX_COMMAND(fp_get_valid_template_num),
+    WRX_COMMAND(fp_get_bright),
+    {"fp_set_mode", nullptr, opened, set_mode, kOpened, kNone, command, {}},
+    {"fp_reboot", nullptr, opened, call<fp_reboot>, kOpened, kNone, command, kPower},
+    WRX_COMMAND(fp_set_pc_state, 1),
+    WRX_COMMAND(fp_get_empty_enroll_id),
+    WRX_COMMAND(fp_delete_template, 200, 1),
+    {"fp_empty_template", nullptr, opened, call<fp_empty_template>, kOpened, kNone, command,
+     kErases},
+};
+
+}  // namespace
+
+void stock(Rig& rig) {
+  // Made once and copied: a database is asked more often than made.
+  static std::string database;
+  rig.device.memory().templates = {{20, "thumb"}, {21, "index"}, {22, "middle"}};
+  if (!database.empty()) return rig.write_file("feature.db", database);
+  for (int i = 0; i < 3; ++i)
+    rig.store({Rig::kUser, i, {20 + i}});
+  database = rig.read_file("feature.db");
+}
+
+std::span<const Operation> operations() {
+  return kOperations;
+}
+
+const Operation* operation_named(std::string_view name) {
+  for (const Operation& row : kOperations) {
+    if (row.name == name) return &row;
+  }
+  return nullptr;
+}
+
+}  // namespace sweep
