@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <thread>
+#include <future>
 
 #include "module/control_socket.h"
 #include "module/memory.h"
@@ -300,17 +300,16 @@ TEST_F(Usbip, ARunningModuleIsToldAndReports) {
   ControlSocket control(stand, path);
   EXPECT_THROW(ControlSocket(stand, path), std::system_error) << "it is served already";
   const auto asked = [&](const std::string& request) {
-    std::string answer;
-    std::thread asker([&] { answer = ask(path, request); });
+    std::future<std::string> answer =
+        std::async(std::launch::async, [&] { return ask(path, request); });
     std::vector<pollfd> set;
-    for (int i = 0; i < 2000 && answer.empty(); ++i) {
+    while (answer.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
       set.clear();
       control.watch(set);
       poll(set.data(), set.size(), 1);
       control.serve();
     }
-    asker.join();
-    return answer;
+    return answer.get();
   };
   EXPECT_EQ(asked("play\npress thumb x3"), "ok\n");
   EXPECT_NE(asked("report\n").find("\"presses_left\":3"), std::string::npos);
