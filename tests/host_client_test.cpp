@@ -105,6 +105,7 @@ class Client : public testing::Test {
     setenv("XDG_CONFIG_HOME", (home_ / "config").c_str(), 1);
     setenv("XDG_DATA_HOME", (home_ / "data").c_str(), 1);
     setenv("XDG_STATE_HOME", (home_ / "state").c_str(), 1);
+    setenv("LANGUAGE", "", 1);
     const std::string line = "exec " + program().string() + " " + arguments + " 2>/dev/null";
     execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
     _exit(127);

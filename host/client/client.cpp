@@ -3,6 +3,9 @@
 
 #include "client.h"
 
+#include "doctor.h"
+#include "words.h"
+
 namespace wrx::client {
 namespace {
 
@@ -12,6 +15,10 @@ using host::Outcome;
 constexpr std::chrono::milliseconds kTick{100};
 
 }  // namespace
+
+std::string no_module() {
+  return tr("no module was found; is it plugged in, and may you use it? (see \"wrxctl doctor\")");
+}
 
 std::vector<Finger> taken(feature_info* list) {
   std::vector<Finger> fingers;
@@ -34,7 +41,9 @@ Client::Client(const Options& options, Output& output)
   if (options.timeout_ms) bio_host_set_ops_timeout_ms(*options.timeout_ms);
   if (options.simulate)
     simulation_ = std::make_unique<host::Simulation>(options.script, options.templates);
-  plugin_ = std::make_unique<host::PluginHost>(options.plugin, options.config);
+  // The doctor wants to say more of a damaged configuration than that it is damaged.
+  const bool done_without = options.command == Command::Doctor && !readable_config(options.config);
+  plugin_ = std::make_unique<host::PluginHost>(options.plugin, done_without ? "" : options.config);
 }
 
 Client::~Client() = default;
@@ -62,12 +71,11 @@ host::Outcome Client::operate(const std::string& prompt,
   requireDatabase();
   run([this] {
     plugin_->initialise();
-    if (plugin_->discover() < 1)
-      throw Failure(Outcome::Absent, "no module was found; is it plugged in, and may you use it?");
+    if (plugin_->discover() < 1) throw Failure(Outcome::Absent, no_module());
   });
   run([&] {
     const host::OpenDevice opened(*plugin_);
-    if (stopRequested()) throw Failure(Outcome::Stopped, "stopped before the operation began");
+    if (stopRequested()) throw Failure(Outcome::Stopped, tr("stopped before the operation began"));
     if (!prompt.empty()) output_.note(prompt);
     operation(device());
   });

@@ -86,6 +86,9 @@ class Client {
   host::Worker worker_;
 };
 
+/// Why a command that needs the module has none.
+std::string no_module();
+
 /// A framework's list as plain values; the list is freed.
 std::vector<Finger> taken(feature_info* list);
 

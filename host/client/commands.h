@@ -20,6 +20,19 @@ Report search(Client& client);
 Report list(Client& client);
 Report clean(Client& client);
 
+// About what the two hold together, and what stands between.
+Report doctor(Client& client);
+Report fsck(Client& client);
+
+// Questions to the module, for service.
+Report module_handshake(Client& client);
+Report module_serial(Client& client);
+Report module_parameters(Client& client);
+Report module_info_page(Client& client);
+Report module_count(Client& client);
+Report module_slots(Client& client);
+Report module_image(Client& client);
+
 /// Runs the command that the options name.
 Report run_command(Client& client);
 

@@ -5,14 +5,13 @@
 
 #include "commands.h"
 #include "firmware.h"
+#include "words.h"
 
 namespace wrx::client {
 namespace {
 
 using host::Failure;
 using host::Outcome;
-
-constexpr char kNotFound[] = "no module was found; is it plugged in, and may you use it?";
 
 nlohmann::json usb_ids(const bio_dev& device) {
   nlohmann::json ids = nlohmann::json::array();
@@ -50,7 +49,7 @@ class FlashWatch {
 
   void show(int bytes) {
     shown_ = bytes;
-    client_.output().progress("firmware byte", bytes, size_);
+    client_.output().progress(N_("firmware byte"), bytes, size_);
   }
 
   Client& client_;
@@ -82,11 +81,10 @@ Start start_driver(Client& client) {
 }
 
 std::string story(const Start& start, bool upgraded) {
-  if (!start.now) return "The driver has started and found the module.";
-  if (!upgraded) return fmt::format("The driver has started; the module runs {}.", start.now->text);
-  return fmt::format("The driver has started and upgraded the module from {} to {}.",
-                     start.before.text.empty() ? "its bootloader" : start.before.text,
-                     start.now->text);
+  if (!start.now) return tr("The driver has started and found the module.");
+  if (!upgraded) return tr("The driver has started; the module runs {}.", start.now->text);
+  return tr("The driver has started and upgraded the module from {} to {}.",
+            start.before.text.empty() ? tr("its bootloader") : start.before.text, start.now->text);
 }
 
 }  // namespace
@@ -97,17 +95,16 @@ Report show_info(Client& client) {
   const bio_api_version& api = device.drv_api_version;
   const std::string version = fmt::format("{}.{}.{}", api.major, api.minor, api.function);
   const bool enabled = device.enable != 0;
-  std::string body = fmt::format("Driver:    {} ({}), interface {}, {}\n", device.device_name,
-                                 device.full_name, version, enabled ? "enabled" : "disabled");
+  std::string body = tr("Driver:    {} ({}), interface {}, {}\n", device.device_name,
+                        device.full_name, version, enabled ? tr("enabled") : tr("disabled"));
   for (const auto& id : usb_ids(device))
-    body += fmt::format("USB id:    {:04x}:{:04x} {}\n", id["vendor"].get<int>(),
-                        id["product"].get<int>(), id["description"].get<std::string>());
-  body += fmt::format("Plug-in:   {}\nConfig:    {}\nDatabase:  {}\nTrace:     {}\n",
-                      options.plugin, options.config.empty() ? "none" : options.config,
-                      options.database, options.trace);
-  if (options.simulate) body += fmt::format("Simulated: memory in {}\n", options.templates);
+    body += tr("USB id:    {:04x}:{:04x} {}\n", id["vendor"].get<int>(), id["product"].get<int>(),
+               id["description"].get<std::string>());
+  body += tr("Plug-in:   {}\nConfig:    {}\nDatabase:  {}\nTrace:     {}\n", options.plugin,
+             options.config.empty() ? tr("none") : options.config, options.database, options.trace);
+  if (options.simulate) body += tr("Simulated: memory in {}\n", options.templates);
   return {Outcome::Success,
-          "The driver is loaded and configured.",
+          tr("The driver is loaded and configured."),
           body,
           {{"device_name", device.device_name},
            {"full_name", device.full_name},
@@ -127,20 +124,18 @@ Report discover(Client& client) {
     client.plugin().initialise();
     found = client.plugin().discover();
   });
-  if (found < 1) return {Outcome::Absent, kNotFound, "", {{"found", 0}}};
-  return {Outcome::Success,
-          fmt::format("Found {}.", client.device().full_name),
-          "",
-          {{"found", found}}};
+  if (found < 1) return {Outcome::Absent, no_module(), "", {{"found", 0}}};
+  return {Outcome::Success, tr("Found {}.", client.device().full_name), "", {{"found", found}}};
 }
 
 Report initialise(Client& client) {
   FlashWatch watch(client);
   client.onTick([&watch] { watch.look(); });
-  client.output().note("Starting the driver; leave the module plugged in.");
+  client.output().note(tr("Starting the driver; leave the module plugged in."));
   const Start start = start_driver(client);
   client.onTick({});
-  if (start.found < 1) return {Outcome::Absent, kNotFound, "", {{"found", 0}, {"upgraded", false}}};
+  if (start.found < 1)
+    return {Outcome::Absent, no_module(), "", {{"found", 0}, {"upgraded", false}}};
   watch.finish();
   const bool changed =
       start.now && !start.before.text.empty() && start.before.text != start.now->text;
@@ -156,8 +151,14 @@ Report initialise(Client& client) {
 Report run_command(Client& client) {
   using Function = Report (*)(Client&);
   // In the order of Command.
-  static constexpr Function kFunctions[] = {show_info, discover, initialise, enroll, verify,
-                                            identify,  search,   list,       clean,  show_firmware};
+  static constexpr Function kFunctions[] = {show_info,        discover,      initialise,
+                                            enroll,           verify,        identify,
+                                            search,           list,          clean,
+                                            show_firmware,    doctor,        fsck,
+                                            module_handshake, module_serial, module_parameters,
+                                            module_info_page, module_count,  module_slots,
+                                            module_image};
+  static_assert(std::size(kFunctions) == kCommandCount);
   return kFunctions[static_cast<int>(client.options().command)](client);
 }
 

@@ -10,7 +10,7 @@ set -euo pipefail
 build=$(cd "$1" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-export LC_ALL=C.UTF-8
+export LC_ALL=C.UTF-8 LANGUAGE=
 
 export XDG_CONFIG_HOME=$work XDG_DATA_HOME=$work XDG_STATE_HOME=$work
 wrxctl() {

@@ -15,6 +15,7 @@
 #include "protocol/procedures.h"
 #include "upgrade/bootloader.h"
 #include "upgrade/upgrade.h"
+#include "words.h"
 
 namespace wrx::client {
 namespace {
@@ -42,15 +43,15 @@ struct Mode {
 
 constexpr Mode kModes[] = {
     {0, "unknown", [](const FirmwareState&) { return false; }, "",
-     "the configuration is missing or names no known mode"},
+     N_("the configuration is missing or names no known mode")},
     {FORCE_UPGRADE, "FORCE_UPGRADE", [](const FirmwareState&) { return true; },
-     "the mode always upgrades", ""},
+     N_("the mode always upgrades"), ""},
     {DONT_UPGRADE, "DONT_UPGRADE", [](const FirmwareState&) { return false; }, "",
-     "the mode never upgrades"},
-    {AUTO_UPGRADE, "AUTO_UPGRADE", versions_differ, "the versions differ",
-     "the versions are the same"},
-    {SMART_UPGRADE, "SMART_UPGRADE", image_is_newer, "the image is newer than the module",
-     "the image is not newer than the module"},
+     N_("the mode never upgrades")},
+    {AUTO_UPGRADE, "AUTO_UPGRADE", versions_differ, N_("the versions differ"),
+     N_("the versions are the same")},
+    {SMART_UPGRADE, "SMART_UPGRADE", image_is_newer, N_("the image is newer than the module"),
+     N_("the image is not newer than the module")},
 };
 
 const Mode& mode_of(uint32_t mode) {
@@ -76,23 +77,23 @@ bool usable(const FirmwareImage& image) {
 }
 
 std::string words(const FirmwareVersion& version) {
-  return fmt::format("{} (number {})", version.text, version.number);
+  return tr("{} (number {})", version.text, version.number);
 }
 
 std::string table(const FirmwareState& state) {
   std::string text =
-      fmt::format("Module:    {}\n", state.module ? words(*state.module) : "does not answer");
+      tr("Module:    {}\n", state.module ? words(*state.module) : tr("does not answer"));
   if (state.image) {
-    text += fmt::format("Image:     {}\n           {}\n", words(state.image->version),
-                        state.image->path);
-    text += fmt::format("           {} bytes", state.image->size);
+    text += tr("Image:     {}\n           {}\n", words(state.image->version), state.image->path);
+    text += tr("           {} bytes", state.image->size);
     if (state.image->crc) text += fmt::format(", CRC-16/X-25 0x{:04x}", *state.image->crc);
     text += "\n";
   } else {
-    text += "Image:     none is selected\n";
+    text += tr("Image:     none is selected\n");
   }
-  text += fmt::format("Mode:      {}\nBudget:    {} upgrade{} left\n", mode_of(state.mode).name,
-                      std::max(state.budget, 0), state.budget == 1 ? "" : "s");
+  text += tr("Mode:      {}\n", mode_of(state.mode).name) +
+          tr_n("Budget:    {} upgrade left\n", "Budget:    {} upgrades left\n",
+               static_cast<std::size_t>(std::max(state.budget, 0)), std::max(state.budget, 0));
   return text;
 }
 
@@ -120,17 +121,18 @@ nlohmann::json object(const FirmwareState& state, const FirmwareDecision& decisi
 }  // namespace
 
 FirmwareDecision decide(const FirmwareState& state) {
-  if (state.budget < 1) return {false, "the budget (UpgradeFlag) is used up"};
-  if (!state.image) return {false, "no image is selected (trv_fw.conf is missing or unfit)"};
+  if (state.budget < 1) return {false, tr("the budget (UpgradeFlag) is used up")};
+  if (!state.image) return {false, tr("no image is selected (trv_fw.conf is missing or unfit)")};
   const bool fit = usable(*state.image);
   if (!state.module) {
-    if (!fit) return {false, "the module does not answer, and the image cannot be used"};
-    return {true, "a module that does not answer is looked for in its bootloader and rewritten"};
+    if (!fit) return {false, tr("the module does not answer, and the image cannot be used")};
+    return {true,
+            tr("a module that does not answer is looked for in its bootloader and rewritten")};
   }
   const Mode& mode = mode_of(state.mode);
-  if (!mode.upgrades(state)) return {false, mode.because_not};
-  if (!fit) return {false, fmt::format("{}, but the image cannot be used", mode.because)};
-  return {true, mode.because};
+  if (!mode.upgrades(state)) return {false, tr(mode.because_not)};
+  if (!fit) return {false, tr("{}, but the image cannot be used", tr(mode.because))};
+  return {true, tr(mode.because)};
 }
 
 std::optional<FirmwareVersion> ask_module(const host::PluginHost& plugin) {
@@ -162,15 +164,21 @@ std::optional<FirmwareImage> selected_image(const host::PluginHost& plugin) {
   return image;
 }
 
+FirmwareState driver_side(const host::PluginHost& plugin) {
+  const DRIVER_CONFIG_STRUCT& config = wrx::info_of(&plugin.device()).config;
+  FirmwareState state;
+  state.mode = config.upgrade_mode;
+  state.budget = config.upgrade_flag;
+  state.image = selected_image(plugin);
+  return state;
+}
+
 Report show_firmware(Client& client) {
   host::PluginHost& plugin = client.plugin();
   FirmwareState state;
   std::string absent;
   client.run([&] {
-    const DRIVER_CONFIG_STRUCT& config = wrx::info_of(&plugin.device()).config;
-    state.mode = config.upgrade_mode;
-    state.budget = config.upgrade_flag;
-    state.image = selected_image(plugin);
+    state = driver_side(plugin);
     try {
       const host::OpenDevice opened(plugin);
       state.module = ask_module(plugin);
@@ -181,13 +189,14 @@ Report show_firmware(Client& client) {
   });
   const FirmwareDecision decision = decide(state);
   const std::string next =
-      fmt::format("The next start {} the module's firmware, because {}.",
-                  decision.upgrade ? "upgrades" : "does not upgrade", decision.why);
+      decision.upgrade
+          ? tr("The next start upgrades the module's firmware, because {}.", decision.why)
+          : tr("The next start does not upgrade the module's firmware, because {}.", decision.why);
   Report report{Outcome::Success, next, table(state), object(state, decision)};
   if (!state.module) {
     report.body += next + "\n";
     report.outcome = absent.empty() ? Outcome::Failed : Outcome::Absent;
-    report.text = absent.empty() ? "the module does not tell its version" : absent;
+    report.text = absent.empty() ? tr("the module does not tell its version") : absent;
   }
   return report;
 }

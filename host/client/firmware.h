@@ -38,6 +38,9 @@ struct FirmwareDecision {
 /// What the driver's start would do.
 FirmwareDecision decide(const FirmwareState& state);
 
+/// All but the module's version, which is not asked for.
+FirmwareState driver_side(const host::PluginHost& plugin);
+
 /// Asks an open module for its version; none when it does not answer.
 std::optional<FirmwareVersion> ask_module(const host::PluginHost& plugin);
 

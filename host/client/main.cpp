@@ -2,16 +2,17 @@
 // wrxctl: the command-line client. Reads the command line, sets up the streams and the signals,
 // runs one command and turns its report into words and an exit code.
 
-#include <fmt/format.h>
 #include <libintl.h>
 #include <unistd.h>
 
 #include <clocale>
 #include <cstdio>
+#include <filesystem>
 
 #include "commands.h"
 #include "interrupts.h"
 #include "streams.h"
+#include "words.h"
 
 namespace wrx::client {
 namespace {
@@ -23,10 +24,24 @@ int code(Outcome outcome) {
   return static_cast<int>(outcome);
 }
 
+/// The reasons that the rest of the tree gives are in the catalogue too, when they are one text.
+std::string translated(const Failure& failure) {
+  return *failure.what() != '\0' ? gettext(failure.what()) : "";
+}
+
+/// The message catalogues: beside this program in a build tree, else as installed.
+std::string locale_folder() {
+  namespace fs = std::filesystem;
+  std::error_code ignored;
+  const fs::path prefix = fs::read_symlink("/proc/self/exe", ignored).parent_path().parent_path();
+  const fs::path beside = prefix / "share" / "locale";
+  return fs::is_directory(beside, ignored) ? beside.string() : WRX_LOCALE_DIR;
+}
+
 int refuse_command_line(const Parsed& parsed) {
   if (parsed.error.empty()) return parsed.exit_code;
   Output output(stdout, parsed.json, false);
-  output.end("", {Outcome::Usage, parsed.error + (parsed.json ? "" : " (see --help)"), "", {}});
+  output.end("", {Outcome::Usage, parsed.error + (parsed.json ? "" : tr(" (see --help)")), "", {}});
   return parsed.exit_code;
 }
 
@@ -35,18 +50,18 @@ Report run_guarded(const Options& options, Output& output) {
     Client client(options, output);
     const Interrupts interrupts(
         [&] {
-          output.note("Stopping; press Ctrl-C again to leave at once.");
+          output.note(tr("Stopping; press Ctrl-C again to leave at once."));
           client.requestStop();
         },
         [&] {
-          output.endAtOnce(name(options.command), {Outcome::Stopped, "left at once", "", {}});
+          output.endAtOnce(name(options.command), {Outcome::Stopped, tr("left at once"), "", {}});
           _exit(code(Outcome::Stopped));
         });
     Report report = run_command(client);
     client.finish();
     return report;
   } catch (const Failure& failure) {
-    return {failure.outcome(), failure.what(), "", {}};
+    return {failure.outcome(), translated(failure), "", {}};
   } catch (const std::exception& error) {
     return {Outcome::Failed, error.what(), "", {}};
   }
@@ -72,7 +87,7 @@ int run(const Options& options) {
 int main(int argc, char** argv) {
   using namespace wrx::client;
   std::setlocale(LC_ALL, "");
-  bindtextdomain("wrx5300", WRX_LOCALE_DIR);
+  bindtextdomain("wrx5300", locale_folder().c_str());
   textdomain("wrx5300");
   block_interrupts();
   const Parsed parsed = parse(argc, argv);

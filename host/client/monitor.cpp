@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "host/common/driver_texts.h"
+#include "words.h"
 
 namespace wrx::client {
 namespace {
@@ -45,7 +46,7 @@ void Monitor::hear(void* self, bio_dev*, bio_event event, int number, const char
       if (number == kDriversOwnText) monitor.driverSays(number, text);
       break;
     case BIO_EVENT_PROGRESS:
-      monitor.output_.progress("press", (number * host::kEnrolStages + 99) / 100,
+      monitor.output_.progress(N_("press"), (number * host::kEnrolStages + 99) / 100,
                                host::kEnrolStages);
       break;
     case BIO_EVENT_STORE_ERROR: {

@@ -14,20 +14,23 @@
 
 #include "host/common/folders.h"
 #include "host/common/outcome.h"
+#include "words.h"
 
 namespace wrx::client {
 namespace {
 
 /// Groups of options; a command takes a set of them.
 enum Takes : unsigned {
-  kUser = 1,        ///< --uid of one user
-  kEveryone = 2,    ///< --uid of one user or all, all by default
-  kIndex = 4,       ///< --index
-  kRange = 8,       ///< --range
-  kName = 16,       ///< --name
-  kTimeout = 32,    ///< --timeout
-  kAll = 64,        ///< --all
-  kManyUsers = 128  ///< --uid of one user or all, the caller by default
+  kUser = 1,         ///< --uid of one user
+  kEveryone = 2,     ///< --uid of one user or all, all by default
+  kIndex = 4,        ///< --index
+  kRange = 8,        ///< --range
+  kName = 16,        ///< --name
+  kTimeout = 32,     ///< --timeout
+  kAll = 64,         ///< --all
+  kManyUsers = 128,  ///< --uid of one user or all, the caller by default
+  kRepair = 256,     ///< --repair
+  kPicture = 512,    ///< --output, --now
 };
 
 struct Row {
@@ -38,23 +41,38 @@ struct Row {
 };
 
 constexpr Row kCommands[] = {
-    {Command::Info, 0, "info", "Show the driver and what it is set up with; the module rests"},
-    {Command::Discover, 0, "discover", "Start the driver and look for the module"},
-    {Command::Init, 0, "init", "Start the driver, and show a firmware upgrade as it goes"},
+    {Command::Info, 0, "info", N_("Show the driver and what it is set up with; the module rests")},
+    {Command::Discover, 0, "discover", N_("Start the driver and look for the module")},
+    {Command::Init, 0, "init", N_("Start the driver, and show a firmware upgrade as it goes")},
     {Command::Enroll, kUser | kIndex | kName | kTimeout, "enroll",
-     "Enrol a finger: a first touch shows that it is new, then it is pressed 12 times"},
-    {Command::Verify, kUser | kIndex | kTimeout, "verify", "Is it this finger of this user?"},
-    {Command::Identify, kEveryone | kIndex | kRange | kTimeout, "identify", "Whose finger is it?"},
+     N_("Enrol a finger: a first touch shows that it is new, then it is pressed 12 times")},
+    {Command::Verify, kUser | kIndex | kTimeout, "verify", N_("Is it this finger of this user?")},
+    {Command::Identify, kEveryone | kIndex | kRange | kTimeout, "identify",
+     N_("Whose finger is it?")},
     {Command::Search, kEveryone | kIndex | kRange | kTimeout, "search",
-     "Which stored fingerprints does the finger match?"},
-    {Command::List, kManyUsers | kIndex | kRange, "list", "List stored fingerprints"},
+     N_("Which stored fingerprints does the finger match?")},
+    {Command::List, kManyUsers | kIndex | kRange, "list", N_("List stored fingerprints")},
     {Command::Clean, kUser | kIndex | kRange | kAll, "clean",
-     "Delete fingerprints from the module and the database"},
+     N_("Delete fingerprints from the module and the database")},
     {Command::Firmware, 0, "firmware",
-     "Show the module's firmware, the image carried, and what the next start would do"},
+     N_("Show the module's firmware, the image carried, and what the next start would do")},
+    {Command::Doctor, 0, "doctor",
+     N_("Look at everything that a finger's way needs, and say what to do about what is amiss")},
+    {Command::Fsck, kRepair, "fsck",
+     N_("Compare the module's template slots with the stored records")},
+    {Command::ModuleHandshake, 0, "module handshake", N_("Does the module answer?")},
+    {Command::ModuleSerial, 0, "module serial", N_("Show the module's serial number")},
+    {Command::ModuleParameters, 0, "module parameters", N_("Show the module's parameters")},
+    {Command::ModuleInfoPage, 0, "module info-page", N_("Show the module's information page")},
+    {Command::ModuleCount, 0, "module count", N_("Show how many templates the module holds")},
+    {Command::ModuleSlots, 0, "module slots", N_("Draw a map of the module's template slots")},
+    {Command::ModuleImage, kPicture | kTimeout, "module image",
+     N_("Take a picture of the finger on the sensor")},
 };
 static_assert(std::ranges::is_sorted(kCommands, {}, &Row::command) &&
-              std::size(kCommands) == static_cast<int>(Command::Firmware) + 1);
+              std::size(kCommands) == kCommandCount);
+
+constexpr std::string_view kModule = "module";
 
 /// Option texts as they were typed, before they are read.
 struct Texts {
@@ -62,10 +80,9 @@ struct Texts {
 };
 
 std::string exit_code_help() {
-  std::string text = "Exit codes:\n";
+  std::string text = tr("Exit codes:") + "\n";
   for (int code = 0; code <= static_cast<int>(host::Outcome::Failed); ++code)
-    text +=
-        "  " + std::to_string(code) + "  " + host::meaning(static_cast<host::Outcome>(code)) + "\n";
+    text += fmt::format("  {}  {}\n", code, tr(host::meaning(static_cast<host::Outcome>(code))));
   return text;
 }
 
@@ -81,26 +98,28 @@ CLI::Validator readable(Reader read, const char* expected) {
 
 void add_common(CLI::App& app, Options& options, Texts& texts) {
   app.add_flag("--json", options.json,
-               "JSON on standard output: events a line each, then one object")
+               tr("JSON on standard output: events a line each, then one object"))
       ->group("Common");
-  app.add_option("--config", options.config, "Driver configuration")
+  app.add_option("--config", options.config, tr("Driver configuration"))
       ->check(CLI::Validator(CLI::ExistingFile).description(""))
       ->type_name("FILE")
       ->group("Common");
-  app.add_option("--db", options.database, "Feature database")->type_name("FILE")->group("Common");
-  app.add_option("--plugin", options.plugin, "The driver's plug-in")
+  app.add_option("--db", options.database, tr("Feature database"))
+      ->type_name("FILE")
+      ->group("Common");
+  app.add_option("--plugin", options.plugin, tr("The driver's plug-in"))
       ->check(CLI::Validator(CLI::ExistingFile).description(""))
       ->type_name("FILE")
       ->group("Common");
-  app.add_option("--trace", options.trace, "Where the driver's own output goes")
+  app.add_option("--trace", options.trace, tr("Where the driver's own output goes"))
       ->type_name("FILE")
       ->group("Common");
   app.add_option("--simulate", texts.script,
-                 "A simulated module; SCRIPT is a file or text such as \"press thumb x13\"")
+                 tr("A simulated module; SCRIPT is a file or text such as \"press thumb x13\""))
       ->expected(0, 1)
       ->type_name("[SCRIPT]")
       ->group("Common");
-  app.add_option("--templates", options.templates, "Memory of the simulated module")
+  app.add_option("--templates", options.templates, tr("Memory of the simulated module"))
       ->type_name("FILE")
       ->group("Common");
 }
@@ -108,14 +127,15 @@ void add_common(CLI::App& app, Options& options, Texts& texts) {
 void add_selection(CLI::App& app, unsigned takes, Options& options, Texts& texts) {
   if ((takes & (kUser | kEveryone | kManyUsers)) != 0)
     app.add_option("--uid", texts.uid,
-                   (takes & kUser) != 0       ? "User id or log-in name (default: you)"
-                   : (takes & kEveryone) != 0 ? "User id, log-in name or \"all\" (default: all)"
-                                              : "User id, log-in name or \"all\" (default: you)")
+                   (takes & kUser) != 0 ? tr("User id or log-in name (default: you)")
+                   : (takes & kEveryone) != 0
+                       ? tr("User id, log-in name or \"all\" (default: all)")
+                       : tr("User id, log-in name or \"all\" (default: you)"))
         ->check(readable(read_user, "a user"))
         ->type_name("USER");
   CLI::Option* index = nullptr;
   if ((takes & kIndex) != 0)
-    index = app.add_option("--index", texts.index, "Which of the user's fingers (0, 1, ...)")
+    index = app.add_option("--index", texts.index, tr("Which of the user's fingers (0, 1, ...)"))
                 ->check(readable(
                     [](std::string_view text) {
                       return text.find("..") == text.npos && read_range(text);
@@ -123,20 +143,31 @@ void add_selection(CLI::App& app, unsigned takes, Options& options, Texts& texts
                     "an index"))
                 ->type_name("N");
   if ((takes & kRange) != 0)
-    app.add_option("--range", texts.range, "Indexes A to B; without B: from A on")
+    app.add_option("--range", texts.range, tr("Indexes A to B; without B: from A on"))
         ->check(readable(read_range, "a range A..B"))
         ->type_name("A..B")
         ->excludes(index);
   if ((takes & kName) != 0)
-    app.add_option("--name", options.finger_name, "What to call the finger")
+    app.add_option("--name", options.finger_name, tr("What to call the finger"))
         ->capture_default_str()
         ->type_name("TEXT");
   if ((takes & kTimeout) != 0)
     app.add_option("--timeout", texts.timeout,
-                   "Give up after this time, 1500ms or 20s (default: 10s; identify: never)")
+                   tr("Give up after this time, 1500ms or 20s (default: 10s; identify: never)"))
         ->check(readable(read_timeout, "a time from 1ms to 3600s"))
         ->type_name("TIME");
-  if ((takes & kAll) != 0) app.add_flag("--all", options.all, "All fingers of the user");
+  if ((takes & kAll) != 0) app.add_flag("--all", options.all, tr("All fingers of the user"));
+}
+
+void add_purpose(CLI::App& app, unsigned takes, Options& options) {
+  if ((takes & kRepair) != 0)
+    app.add_flag("--repair", options.repair,
+                 tr("Erase templates that no record names, and records without a template"));
+  if ((takes & kPicture) == 0) return;
+  app.add_option("-o,--output", options.output, tr("The picture's file, .png or .pgm"))
+      ->required()
+      ->type_name("FILE");
+  app.add_flag("--now", options.at_once, tr("Do not wait for a finger"));
 }
 
 /// A script named by its file, or the text itself; without either, a finger that obliges.
@@ -172,6 +203,67 @@ void fill_defaults(Options& options) {
   unless_given(options.templates, host::default_templates());
 }
 
+/// CLI11's tree with the records that its options are read into.
+class CommandLine {
+ public:
+  CommandLine() : app("", "wrxctl") {
+    app.description(tr("Enrol and recognise fingers with the wrx5300 fingerprint module."));
+    app.require_subcommand(1);
+    app.footer(exit_code_help());
+    add_common(app, options, texts);
+    module_ =
+        app.add_subcommand(std::string(kModule), tr("Ask the module one question, for service"));
+    module_->require_subcommand(1);
+    for (const Row& row : kCommands)
+      add(row);
+  }
+
+  /// The command that was chosen, and its row.
+  const Row& chosen() const {
+    return *std::ranges::find_if(kCommands, [this](const Row& row) { return at(row).parsed(); });
+  }
+  CLI::App& at(const Row& row) const { return *commands_[static_cast<std::size_t>(row.command)]; }
+
+  /// A word that stands where a command should, and is none; empty when there is no such word.
+  std::string strange() const {
+    const CLI::App& asked = module_->parsed() ? *module_ : app;
+    const auto words = asked.remaining();
+    return asked.get_subcommands().empty() && !words.empty() ? words.front() : "";
+  }
+
+  Options options;
+  Texts texts;
+  CLI::App app;
+
+ private:
+  void add(const Row& row) {
+    const std::string_view words = row.name;
+    const bool asked = words.starts_with(kModule);
+    CLI::App* command =
+        asked ? module_->add_subcommand(std::string(words.substr(kModule.size() + 1)), tr(row.help))
+              : app.add_subcommand(row.name, tr(row.help));
+    add_selection(*command, row.takes, options, texts);
+    add_purpose(*command, row.takes, options);
+    add_common(*command, options, texts);
+    command->footer(exit_code_help());
+    commands_[static_cast<std::size_t>(row.command)] = command;
+  }
+
+  CLI::App* module_;
+  std::array<CLI::App*, std::size(kCommands)> commands_{};
+};
+
+Parsed refused(const CommandLine& line, int argc, char** argv, const CLI::ParseError& error) {
+  // CLI11 misses the command before it looks at the word that stands in its place.
+  const std::string strange = line.strange();
+  const bool json = std::any_of(
+      argv, argv + argc, [](const char* word) { return std::string_view(word) == "--json"; });
+  return {{},
+          static_cast<int>(host::Outcome::Usage),
+          json,
+          strange.empty() ? error.what() : tr("there is no command \"{}\"", strange)};
+}
+
 }  // namespace
 
 const char* name(Command command) {
@@ -179,45 +271,43 @@ const char* name(Command command) {
 }
 
 Parsed parse(int argc, char** argv) {
-  Options options;
-  Texts texts;
-  CLI::App app("Enrol and recognise fingers with the wrx5300 fingerprint module.", "wrxctl");
-  app.footer(exit_code_help());
-  app.require_subcommand(1);
-  add_common(app, options, texts);
-  std::array<CLI::App*, std::size(kCommands)> subcommands{};
-  for (const Row& row : kCommands) {
-    CLI::App* sub = app.add_subcommand(row.name, row.help);
-    add_selection(*sub, row.takes, options, texts);
-    add_common(*sub, options, texts);
-    sub->footer(exit_code_help());
-    subcommands[static_cast<std::size_t>(row.command)] = sub;
-  }
+  CommandLine line;
   try {
-    app.parse(argc, argv);
-    const Row& row = *std::ranges::find_if(kCommands, [&](const Row& each) {
-      return subcommands[static_cast<std::size_t>(each.command)]->parsed();
-    });
-    CLI::App* chosen = subcommands[static_cast<std::size_t>(row.command)];
+    line.app.parse(argc, argv);
+    const Row& row = line.chosen();
+    Options& options = line.options;
     options.command = row.command;
-    options.simulate = app.count("--simulate") + chosen->count("--simulate") > 0;
-    options.script = read_script(texts.script);
-    read_texts(texts, row.takes, options);
+    options.simulate = line.app.count("--simulate") + line.at(row).count("--simulate") > 0;
+    options.script = read_script(line.texts.script);
+    read_texts(line.texts, row.takes, options);
     fill_defaults(options);
     return {options, 0, options.json, ""};
   } catch (const CLI::Success& help) {
-    return {{}, app.exit(help), false, ""};
+    return {{}, line.app.exit(help), false, ""};
   } catch (const CLI::ParseError& error) {
-    // CLI11 misses the command before it looks at the word that stands in its place.
-    const auto unknown = app.remaining();
-    const bool strange = app.get_subcommands().empty() && !unknown.empty();
-    const bool json = std::any_of(
-        argv, argv + argc, [](const char* word) { return std::string_view(word) == "--json"; });
-    return {{},
-            static_cast<int>(host::Outcome::Usage),
-            json,
-            strange ? "there is no command \"" + unknown.front() + "\"" : error.what()};
+    return refused(line, argc, argv, error);
   }
+}
+
+std::vector<CommandShape> command_shapes() {
+  const CommandLine line;
+  std::vector<CommandShape> shapes;
+  for (const Row& row : kCommands) {
+    CommandShape& shape = shapes.emplace_back(CommandShape{row.name, {}, {}});
+    for (const CLI::Option* option : line.at(row).get_options()) {
+      for (const std::string& word : option->get_snames())
+        shape.options.push_back("-" + word);
+      for (const std::string& word : option->get_lnames())
+        shape.options.push_back("--" + word);
+      if (option->get_type_name() != "FILE") continue;
+      shape.files.insert(
+          shape.files.end(),
+          shape.options.end() - static_cast<std::ptrdiff_t>(option->get_snames().size() +
+                                                            option->get_lnames().size()),
+          shape.options.end());
+    }
+  }
+  return shapes;
 }
 
 }  // namespace wrx::client

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "values.h"
 
@@ -20,9 +21,19 @@ enum class Command {
   List,
   Clean,
   Firmware,
+  Doctor,
+  Fsck,
+  ModuleHandshake,
+  ModuleSerial,
+  ModuleParameters,
+  ModuleInfoPage,
+  ModuleCount,
+  ModuleSlots,
+  ModuleImage,
 };
+inline constexpr int kCommandCount = static_cast<int>(Command::ModuleImage) + 1;
 
-/// The word on the command line.
+/// The word on the command line, or the two of a question to the module.
 const char* name(Command command);
 
 struct Options {
@@ -33,6 +44,8 @@ struct Options {
   std::optional<int> index;         ///< --index
   std::optional<IndexRange> range;  ///< --range
   bool all = false;                 ///< clean: every finger of the user
+  bool repair = false;              ///< fsck: change what differs
+  bool at_once = false;             ///< module image: do not wait for a finger
   std::string finger_name = "finger";
 
   // How.
@@ -43,6 +56,7 @@ struct Options {
 
   // Files; never empty but for `config`, which may stand for no configuration at all.
   std::string plugin, config, database, trace, templates;
+  std::string output;         ///< module image: the picture
   bool trace_chosen = false;  ///< the trace file was named, so it must be writable
 };
 
@@ -55,5 +69,15 @@ struct Parsed {
 };
 
 Parsed parse(int argc, char** argv);
+
+/// A command as a shell completes it.
+struct CommandShape {
+  std::string name;                  ///< one or two words
+  std::vector<std::string> options;  ///< long and short, with their dashes
+  std::vector<std::string> files;    ///< those of them that take a file's name
+};
+
+/// Every command, from the tree that parse() reads the command line with.
+std::vector<CommandShape> command_shapes();
 
 }  // namespace wrx::client

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "words.h"
+
 namespace wrx::client {
 namespace {
 
@@ -56,11 +58,12 @@ void Output::progress(const std::string& what, int done, int total) {
                   {"done", done},
                   {"total", total},
                   {"percent", percent}});
+  const std::string words = gettext(what.c_str());
   if (terminal_) {
-    if (beside_.empty()) beside_ = what;
+    if (beside_.empty()) beside_ = words;
     return drawBar();
   }
-  line(fmt::format("  {} {} of {} ({} %)", what, done, total, percent));
+  line("  " + tr("{} {} of {} ({} %)", words, done, total, percent));
 }
 
 void Output::end(const std::string& command, const Report& report) {

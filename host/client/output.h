@@ -30,7 +30,7 @@ class Output {
   void note(const std::string& text);
   /// The driver's words to the user.
   void driverSays(int number, const std::string& text);
-  /// `done` of `total` steps.
+  /// `done` of `total` steps of `what`, a text of the catalogue; programs get it as it is.
   void progress(const std::string& what, int done, int total);
   /// The command's end.
   void end(const std::string& command, const Report& report);

@@ -11,6 +11,11 @@
 namespace wrx::host {
 namespace {
 
+// Marks a text for the message catalogue, which whoever shows it asks.
+constexpr const char* N_(const char* text) {
+  return text;
+}
+
 struct Words {
   const char* name;
   const char* meaning;
@@ -18,14 +23,14 @@ struct Words {
 
 // In the order of the exit codes.
 constexpr Words kWords[] = {
-    {"success", "done, or the finger matches"},
-    {"no-match", "the finger does not match"},
-    {"usage", "a bad argument, or a file it names cannot be used"},
-    {"stopped", "stopped by the user"},
-    {"timed-out", "no finger came in time"},
-    {"refused", "refused: full, disabled, a duplicate, taken, or nothing to work on"},
-    {"absent", "no module, or it cannot be opened"},
-    {"failed", "failed otherwise, the database included"},
+    {"success", N_("done, or the finger matches")},
+    {"no-match", N_("the finger does not match; fsck: slots and records differ")},
+    {"usage", N_("a bad argument, or a file it names cannot be used")},
+    {"stopped", N_("stopped by the user")},
+    {"timed-out", N_("no finger came in time")},
+    {"refused", N_("refused: full, disabled, a duplicate, taken, or nothing to work on")},
+    {"absent", N_("no module, or it cannot be opened")},
+    {"failed", N_("failed otherwise, the database included")},
 };
 static_assert(std::size(kWords) == static_cast<int>(Outcome::Failed) + 1);
 
