@@ -10,6 +10,8 @@ source=$(cd "$here/../.." && pwd)
 # shellcheck disable=SC2086
 install_packages $BUILD_PACKAGES
 cd "$source"
-cmake --preset arm64 | tail -n 3
-cmake --build --preset arm64
+tests=OFF
+[ "${1:-}" != --test ] || tests=ON
+cmake --preset arm64 -DWRX_UNIT_TESTS=$tests >/dev/null
+cmake --build --preset arm64 -- --quiet
 [ "${1:-}" != --test ] || ctest --preset arm64 -j "$(nproc)"
