@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Putting the parts together, and what happens between them.
+
+#include "service.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "host/common/folders.h"
+#include "host/common/outcome.h"
+
+namespace wrx::service {
+namespace {
+
+constexpr char kBusName[] = "net.reactivated.Fprint";
+constexpr char kDevicePath[] = "/net/reactivated/Fprint/Device/0";
+
+// A module that slept comes back as a new device, a moment after the machine.
+constexpr std::chrono::seconds kReturnTime{5};
+
+/// The state folder, for the service's user alone, before anything is put there.
+const Options& prepared(const Options& options) {
+  if (!host::make_folder_of(options.trace()))
+    throw host::Failure(host::Outcome::Usage, "the state folder " + options.state +
+                                                  " cannot be made: " + std::strerror(errno));
+  bio_host_set_db_path(options.database().c_str());
+  bio_host_set_ops_timeout_ms(static_cast<int>(options.wait.count()));
+  return options;
+}
+
+std::unique_ptr<host::Simulation> simulation_for(const Options& options) {
+  if (!options.script) return nullptr;
+  return std::make_unique<host::Simulation>(*options.script, options.module_memory());
+}
+
+}  // namespace
+
+Service::Service(const Options& options)
+    : options_(prepared(options)),
+      trace_(options.trace()),
+      simulation_(simulation_for(options)),
+      host_(options.plugin, options.config),
+      operations_(host_, events_),
+      module_(loop_, host_),
+      reader_(loop_, module_, operations_, host_.device()),
+      bus_(sdbus::createSystemBusConnection()),
+      clients_(*bus_, [this](const std::string& name) { reader_.leave(name); }),
+      authority_(*bus_),
+      manager_(*bus_, [this] { last_use_ = EventLoop::Clock::now(); }),
+      sleep_(
+          *bus_, [this](std::function<void()> quiet) { goToSleep(std::move(quiet)); },
+          [this] { wakeUp(); }),
+      last_use_(EventLoop::Clock::now()) {
+  reader_.onClaimChanged([this] {
+    last_use_ = EventLoop::Clock::now();
+    sleep_.hold(reader_.claimed());
+    if (module_.idle()) trace_.rotate();
+  });
+  // The name comes first: without it another service may have the module in its hands.
+  bus_->requestName(kBusName);
+  startDriver();
+}
+
+Service::~Service() = default;
+
+void Service::startDriver() {
+  const auto on_change = [this](bool present) { plugged(present); };
+  if (simulation_) {
+    hot_plug_ = watch_simulation(loop_, *simulation_, on_change);
+    if (!options_.control.empty())
+      control_ = std::make_unique<Control>(loop_, *simulation_, options_.control);
+  } else {
+    hot_plug_ = watch_udev(loop_, host_.device().usb_info.id_table, on_change);
+  }
+  lookForModule([this](Job&) { host_.initialise(); });
+}
+
+/// Lets `first` happen on the module's thread, and then looks whether there is a module.
+void Service::lookForModule(const Job::Work& first) {
+  const auto present = std::make_shared<bool>(false);
+  module_.begin(
+      [this, first, present](Job& job) {
+        first(job);
+        *present = operations_.discover();
+      },
+      [this, present] { found(*present); });
+}
+
+void Service::found(bool present) {
+  started_ = true;
+  last_use_ = EventLoop::Clock::now();
+  if (!present && object_ != nullptr) {
+    if (asleep_ || operations_.returnExpected()) return;
+    reader_.vanish();
+    object_.reset();
+  }
+  if (present && object_ == nullptr)
+    object_ = std::make_unique<DeviceObject>(*bus_, kDevicePath, reader_, clients_, authority_);
+  manager_.setDevice(object_ != nullptr ? kDevicePath : "");
+}
+
+void Service::plugged(bool present) {
+  if (present) return lookForModule([this](Job&) { operations_.attach(); });
+  // The driver would wait for its time-out; a client shall not.
+  if (object_ != nullptr && !asleep_ && !operations_.returnExpected()) {
+    reader_.vanish();
+    object_.reset();
+    manager_.setDevice("");
+  }
+  lookForModule([this](Job&) { operations_.detach(); });
+}
+
+void Service::goToSleep(std::function<void()> quiet) {
+  asleep_ = true;
+  reader_.sleep(std::move(quiet));
+}
+
+void Service::wakeUp() {
+  asleep_ = false;
+  operations_.expectReturn(EventLoop::Clock::now() + kReturnTime);
+  reader_.wake();
+  // Whether it came back at all is seen when it should have.
+  loop_.after(kReturnTime, [this] { lookForModule([](Job&) {}); });
+}
+
+// ---- the end ------------------------------------------------------------------------------------
+
+bool Service::busy() const {
+  return reader_.claimed() || clients_.busy() || !module_.idle() || !started_ || asleep_;
+}
+
+void Service::watchIdleness() {
+  const auto now = EventLoop::Clock::now();
+  if (busy()) last_use_ = now;
+  const auto left = last_use_ + options_.idle_exit - now;
+  if (left <= left.zero()) return leave();
+  loop_.after(left, [this] { watchIdleness(); });
+}
+
+/// Gives the name back first: who asks from now on starts the service anew. Calls that came before
+/// are still answered.
+void Service::leave() {
+  bus_->releaseName(kBusName);
+  EventLoop::serve(*bus_);
+  if (!busy()) return loop_.quit();
+  bus_->requestName(kBusName);
+  loop_.after(options_.idle_exit, [this] { watchIdleness(); });
+}
+
+void Service::run(int signals) {
+  loop_.watch(signals, [this] { loop_.quit(); });
+  if (options_.idle_exit.count() > 0) watchIdleness();
+  loop_.run(*bus_);
+  loop_.unwatch(signals);
+  // Whoever still waits is told, and nothing is begun any more.
+  reader_.sleep([] {});
+  EventLoop::serve(*bus_);
+}
+
+}  // namespace wrx::service

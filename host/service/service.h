@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The whole service: plug-in, module thread, reader, and their places on the bus.
+#pragma once
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "authority.h"
+#include "clients.h"
+#include "control.h"
+#include "device_object.h"
+#include "driver_events.h"
+#include "event_loop.h"
+#include "host/common/plugin_host.h"
+#include "host/common/simulation.h"
+#include "hotplug.h"
+#include "manager_object.h"
+#include "module_thread.h"
+#include "operations.h"
+#include "options.h"
+#include "reader.h"
+#include "sleep_watch.h"
+#include "trace.h"
+
+namespace wrx::service {
+
+class Service {
+ public:
+  /// Loads everything and takes the name on the bus. Throws host::Failure and sdbus::Error.
+  explicit Service(const Options& options);
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+  ~Service();
+
+  /// Serves until it is told to end by a signal on `signals` (a signalfd), or has nothing to do.
+  void run(int signals);
+
+ private:
+  void startDriver();
+  void lookForModule(const Job::Work& first);
+  void found(bool present);
+  void plugged(bool present);
+  void goToSleep(std::function<void()> quiet);
+  void wakeUp();
+  bool busy() const;
+  void watchIdleness();
+  void leave();
+
+  Options options_;
+  Trace trace_;
+  EventLoop loop_;
+  DriverEvents events_;
+  std::unique_ptr<host::Simulation> simulation_;
+  host::PluginHost host_;
+  Operations operations_;
+  ModuleThread module_;
+  Reader reader_;
+  std::unique_ptr<sdbus::IConnection> bus_;
+  Clients clients_;
+  Authority authority_;
+  ManagerObject manager_;
+  SleepWatch sleep_;
+  std::unique_ptr<HotPlug> hot_plug_;
+  std::unique_ptr<Control> control_;
+  std::unique_ptr<DeviceObject> object_;
+  EventLoop::Clock::time_point last_use_;
+  bool started_ = false;
+  bool asleep_ = false;
+};
+
+}  // namespace wrx::service

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Standard output, turned to a file.
+
+#include "trace.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "host/common/outcome.h"
+
+namespace wrx::service {
+namespace {
+
+constexpr off_t kLongest = off_t{4} * 1024 * 1024;
+
+}  // namespace
+
+Trace::Trace(const std::string& path) : path_(path) {
+  begin();
+  // Whole lines, so that a trace is complete up to the moment of an abrupt end.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+}
+
+void Trace::begin() {
+  const int file =
+      open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (file < 0)
+    throw host::Failure(host::Outcome::Usage, "the trace " + path_ + ": " + std::strerror(errno));
+  fchmod(file, 0600);
+  std::fflush(stdout);
+  dup2(file, STDOUT_FILENO);
+  close(file);
+}
+
+void Trace::rotate() {
+  std::fflush(stdout);
+  struct stat now {};
+  if (fstat(STDOUT_FILENO, &now) != 0 || now.st_size < kLongest) return;
+  if (rename(path_.c_str(), (path_ + ".1").c_str()) == 0) begin();
+}
+
+}  // namespace wrx::service
