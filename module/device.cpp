@@ -17,7 +17,7 @@ constexpr uint8_t kOut = 0x01, kIn = 0x81, kBootOut = 0x04, kBootIn = 0x84;
 
 }  // namespace
 
-Device::Device(Clock& clock, Settings settings)
+Device::Device(Clock& clock, const Settings& settings)
     : Device(clock, settings, factory_memory(settings.identity.version)) {}
 
 Device::Device(Clock& clock, Settings settings, Memory memory)

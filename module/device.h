@@ -52,7 +52,7 @@ struct BusEvent {
 class Device {
  public:
   /// A powered module on the bus from now on, with factory memory unless `memory` is given.
-  Device(Clock& clock, Settings settings);
+  Device(Clock& clock, const Settings& settings);
   Device(Clock& clock, Settings settings, Memory memory);
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;

@@ -13,7 +13,7 @@
 namespace wrx_module::usbip {
 namespace {
 
-constexpr size_t kReadBytes = 64 * 1024;
+constexpr size_t kReadBytes = size_t{64} * 1024;
 // A peer that does not read its answers gets no further service.
 constexpr size_t kMostUnsent = 2 * kLongestTransfer;
 constexpr size_t kMostPending = 256;
