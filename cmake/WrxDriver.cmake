@@ -38,10 +38,14 @@ function(wrx_plugin name root)
   set_target_properties(${name} PROPERTIES PREFIX "" OUTPUT_NAME ${name}
     LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
   target_link_libraries(${name} PRIVATE ${name}_objects)
-  # The host may have symbols of our names; none of them may take a call of the driver's.
-  target_link_options(${name} PRIVATE -Wl,-Bsymbolic-functions -Wl,--as-needed)
+  # The host may have symbols of our names; none of them may take a call or a record of the driver's.
+  # Once loaded it stays: libusb's event thread would outlive its code.
+  target_link_options(${name} PRIVATE -Wl,-Bsymbolic -Wl,--as-needed -Wl,-z,nodelete)
   if(NOT WRX_SANITIZE)
-    target_link_options(${name} PRIVATE -Wl,-z,defs)
+    # The processor guards branches (BTI, IBT) only in a library whose every object has landing pads,
+    # and the compiler's start files have none. A library needs them only to run the destructors of
+    # static objects; the driver has no such object, and with one it would not link.
+    target_link_options(${name} PRIVATE -Wl,-z,defs -nostartfiles)
   endif()
 endfunction()
 

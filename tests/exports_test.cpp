@@ -86,6 +86,19 @@ TEST(Plugin, NeedsOnlyTheFrameworkGlibLibusbAndC) {
   }
 }
 
+// A name of the host's may take none of the driver's; libusb's thread may not outlive its code.
+TEST(Plugin, IsBoundToItselfAndStays) {
+  void* plugin = dlopen(WRX_PLUGIN, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(plugin, nullptr) << dlerror();
+  EXPECT_EQ(dlclose(plugin), 0);
+  EXPECT_EQ(dlopen(WRX_PLUGIN, RTLD_NOW | RTLD_NOLOAD), plugin);
+  const link_map* map = static_cast<const link_map*>(plugin);
+  const ElfW(Dyn)* entry = map->l_ld;
+  while (entry->d_tag != DT_NULL && entry->d_tag != DT_FLAGS)
+    ++entry;
+  EXPECT_TRUE(entry->d_tag == DT_FLAGS && (entry->d_un.d_val & DF_SYMBOLIC) != 0);
+}
+
 TEST(Plugin, LoadsWithEverySymbolResolved) {
   void* plugin = dlopen(WRX_PLUGIN, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(plugin, nullptr) << dlerror();
