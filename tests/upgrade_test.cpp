@@ -171,6 +171,18 @@ TEST(Upgrade, EveryModeVersionBudgetAndImage) {
   }
 }
 
+TEST(Upgrade, ASecondStartWithTheBudgetUsedUpForgetsTheFirstOnesImage) {
+  Rig rig;
+  rig.install_firmware("ACM32FP_V101", image_of(300));
+  rig.extra_config("UpgradeFlag=1\nUpgradeMode=FORCE_UPGRADE\n");
+  rig.start();
+  EXPECT_EQ(upgrade_new_firmware_version_num(), 101U);
+  const size_t commands = rig.device.boot_commands().size();
+  rig.start();
+  EXPECT_EQ(rig.device.boot_commands().size(), commands) << "the first start left 0 in the file";
+  EXPECT_STREQ(upgrade_new_firmware_version(), "");
+}
+
 TEST(Upgrade, TheSelectionFileNamesTheImage) {
   const std::string folder = std::string("./") + kExtraFolder;
   const std::string shown = folder.substr(1);

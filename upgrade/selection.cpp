@@ -61,6 +61,10 @@ void remove_file(const char* path, wrx::CallSite site) {
 }  // namespace
 
 int32_t read_fw_version(void) {
+  // What an earlier start selected must not serve a start whose budget is used up.
+  new_firmware_name[0] = '\0';
+  new_firmware_version[0] = '\0';
+  new_firmware_version_num = 0;
   if (read_fw_upgrade_flag() != 0) {
     WRX_PRINT(here(), "read_fw_upgrade_flag: FAIL!");
     return -1;
