@@ -10,8 +10,12 @@
 //   cancel       A: 20              B: 20 + 1000: an exchange and a drain
 //   empty pass   A: its pause       B: 1000 + its pause
 #include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <csignal>
 
 #include "operations/module_procedures.h"
+#include "pause.h"
 #include "protocol/packet.h"
 #include "protocol/procedures.h"
 #include "support/rig.h"
@@ -141,6 +145,15 @@ TEST(Waits, AFinishThatIsReportedBeatsAnExpiredLimit) {
   while (fp_get_enroll_finish_flag() == 0)
     fp_read_and_parse_prot(64);
   EXPECT_EQ(rig.time_of([] { EXPECT_EQ(fp_auto_enroll(0), 0); }), 0);
+}
+
+TEST(Waits, AreNotCutShortByTheHostsSignals) {
+  signal(SIGALRM, [](int) {});
+  const itimerval often = {{0, 2000}, {0, 2000}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  const int64_t start_us = wrx::monotonic_us();
+  wrx::pause_ms(30);
+  EXPECT_GE(wrx::monotonic_us() - start_us, 30'000);
 }
 
 }  // namespace

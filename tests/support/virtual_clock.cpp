@@ -124,11 +124,9 @@ int usleep(useconds_t us) {
     clock->sleep_us(us);
     return 0;
   }
-  struct timespec left = {static_cast<time_t>(us / 1000000),
-                          static_cast<long>(us % 1000000) * 1000};
-  while (nanosleep(&left, &left) != 0) {
-  }
-  return 0;
+  const struct timespec span = {static_cast<time_t>(us / 1000000),
+                                static_cast<long>(us % 1000000) * 1000};
+  return nanosleep(&span, nullptr);
 }
 
 int gettimeofday(struct timeval* __restrict tv, void* __restrict) noexcept {
