@@ -66,6 +66,7 @@ void format_time(char (&text)[kTimeBuffer]) {
   const time_t now = time(nullptr);
   struct tm local {};
   text[0] = '\0';
+  tzset();  // a service outlives a change of the time zone, which localtime_r does not look for
   if (localtime_r(&now, &local) == nullptr) return;
   std::snprintf(text, sizeof text, "%02d:%02d:%02d ", local.tm_hour, local.tm_min, local.tm_sec);
 }

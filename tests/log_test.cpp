@@ -57,11 +57,13 @@ TEST_F(Log, PrefixAndMessageTogetherEndAt499Characters) {
   EXPECT_EQ(rig.trace.driver_lines()[0].size(), 499U + 1);
 }
 
-TEST_F(Log, TheTimeIsLocalEightCharactersAndABlank) {
+TEST_F(Log, TheTimeIsLocalEightCharactersAndABlankAlsoAfterTheZoneChanged) {
   rig.clock.sleep_us((7 * 3600 + 5 * 60 + 9) * 1'000'000LL);
   EXPECT_EQ(wrx_print_log_time(bytes("x\n"), 2), 0);
   EXPECT_EQ(wrx_print_log(bytes("y\n"), 2), 0);
-  EXPECT_EQ(rig.read_file(kLogFile), "09:05:09 x\ny\n");
+  setenv("TZ", "TST-3", 1);
+  EXPECT_EQ(wrx_print_log_time(bytes("z\n"), 2), 0);
+  EXPECT_EQ(rig.read_file(kLogFile), "09:05:09 x\ny\n10:05:09 z\n");
 }
 
 TEST_F(Log, SwitchedOffItWritesNothingAndSucceeds) {
