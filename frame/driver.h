@@ -49,13 +49,15 @@ void wrx7700_ops_free(bio_dev* dev);
 /// Asks the running operation to stop and waits, at most `waiting_ms` or 3000 milliseconds, until
 /// it has. Always 0. Any thread.
 int32_t wrx7700_ops_stop_by_user(bio_dev* dev, int32_t waiting_ms);
-/// Null: the framework uses its own texts.
+/// Always null: the framework uses its own text of the status.
 const char* wrx7700_ops_get_dev_status_mesg(bio_dev* dev);
+/// Always null: the framework uses its own text of the result.
 const char* wrx7700_ops_get_ops_result_mesg(bio_dev* dev);
 /// The driver's message while the notification is MID_EXTENDED_MESSAGE, else null.
 const char* wrx7700_ops_get_notify_mid_mesg(bio_dev* dev);
-/// Hot-plug.
+/// The module was plugged in; logged only.
 void wrx7700_ops_attach(bio_dev* dev);
+/// The module was unplugged: its sysfs folder is not to be trusted any more.
 void wrx7700_ops_detach(bio_dev* dev);
 
 // ---- device routines

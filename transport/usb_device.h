@@ -59,7 +59,9 @@ int32_t usb_test(void);
 /// Finds the module's sysfs folder from its bus and port numbers; of several modules the last in
 /// libusb's list. 0 found, -1 not found.
 int32_t usb_dev_get_port_path(void);
+/// Says whether the folder found is to be trusted. Always 0.
 int32_t usb_dev_set_port_path_valid_flag(uint8_t flag);
+/// 1 while it is, else 0.
 uint8_t usb_dev_get_port_path_valid_flag(void);
 /// From the configuration: whether usb_dev_enable_autosuspend is to write anything. Always 0.
 int32_t usb_set_autosuspend_flag(uint8_t flag);

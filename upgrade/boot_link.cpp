@@ -96,6 +96,9 @@ int32_t get_device_descriptor(libusb_device_descriptor* dev_desc, usb_dev* user_
   libusb_device** devices = nullptr;
   const ssize_t count = libusb_get_device_list(nullptr, &devices);
   if (count < 0) return static_cast<int32_t>(count);
+  // Leaves the last device's descriptor there for a search that fails early.
+  for (ssize_t i = 0; i < count; ++i)
+    libusb_get_device_descriptor(devices[i], dev_desc);
   int32_t result = -2;
   for (ssize_t i = 0; i < count; ++i) {
     if (libusb_get_device_descriptor(devices[i], dev_desc) != 0) {

@@ -28,8 +28,11 @@ extern uint32_t new_firmware_version_num;
 /// Selects the image that the driver carries, if the upgrade budget allows any. 0 or -1. Called
 /// once, by ops_configure.
 int32_t read_fw_version(void);
+/// Path of the selected image; empty until selected.
 char* upgrade_new_firmware_name(void);
+/// Its version, as the module writes its own.
 char* upgrade_new_firmware_version(void);
+/// The number in its version; 0 until selected.
 uint32_t upgrade_new_firmware_version_num(void);
 
 /// Size of a file in bytes, at most 2^32 - 1; 0 when it cannot be examined.
@@ -40,8 +43,9 @@ int32_t check_file_exit(void);
 /// One complete rewrite through the bootloader: 0, -2 when the image cannot be opened, -1 for
 /// every other failure, which leaves the module in its bootloader.
 int32_t upgrade_and_run(void);
-/// 1 from the moment the image is in memory until it is verified in flash, else 0.
+/// Sets what get_upgrade_state says. Always 0.
 int32_t set_upgrade_state(uint8_t state);
+/// 1 from the moment the image is in memory until it is verified in flash, else 0.
 uint8_t get_upgrade_state(void);
 /// Deletes the image and the selection file. Always 0. No caller in the driver.
 int32_t rm_firmware_file(void);
