@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The driver in a world of its own, for measuring: a scratch folder under its paths, a simulated
-// module, virtual time. What the driver prints goes to /dev/null.
+// The driver in a world of its own, for measuring: a scratch folder under its paths, in memory
+// where the machine has one there, a simulated module, virtual time. What the driver prints goes to
+// /dev/null.
 #pragma once
 
 #include <libbiometric.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -29,7 +29,8 @@ class Quiet {
 
 class World {
  public:
-  static constexpr int kUser = 1000;
+  /// Presses that an enrolment uses up; the first is the check for a duplicate.
+  static constexpr int kPresses = 13;
 
   /// The driver started on an instant module, its log file switched on or off.
   explicit World(bool log_file);
@@ -37,22 +38,32 @@ class World {
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
-  /// One enrolment of twelve good presses. False when it did not succeed.
+  // The operations are the user's; each tells whether it ended as it should.
+
+  /// One enrolment of twelve good presses.
   bool enrol();
+  /// Verifies the finger stored last, and has it found among all.
+  bool verify();
+  bool search();
+  /// Removes all that is stored.
+  bool clean();
+
+  /// Makes `count` features of the user, each with a template of its own on the module; 1 to 1024.
+  void store(int count);
   /// Bytes in the driver's log file.
   static std::uintmax_t logged();
-  /// Removes what was enrolled.
-  void clean();
+  wrx_module::Device& module() { return module_; }
 
  private:
+  void store_features();
+
   Quiet quiet_;
   std::string scratch_;
   wrx_test::VirtualClock clock_;
-  wrx_module::Device device_;
+  wrx_module::Device module_;
   bio_dev dev_{};
+  std::string finger_;  // stored last
+  int stored_ = 0;
 };
-
-/// CPU time of this process so far.
-std::chrono::nanoseconds cpu_time();
 
 }  // namespace wrx_bench

@@ -24,6 +24,7 @@ namespace {
 constexpr std::size_t kLineBuffer = wrx::kMaxLine + 1;
 constexpr std::size_t kTimeBuffer = 100;
 constexpr std::size_t kBytesPerRow = 32;
+constexpr char kDigits[] = "0123456789abcdef";
 
 // The switch and the descriptor of the file while a write is in progress; 0 is "not open". The
 // stop callback logs from its own thread, so the descriptor belongs to whoever holds the lock.
@@ -110,8 +111,10 @@ class DumpText {
     length_ = 0;
     std::size_t done = 0;
     for (; done < std::min(count, kBytesPerRow); ++done) {
-      length_ += static_cast<std::size_t>(
-          std::snprintf(text_ + length_, sizeof text_ - length_, "%02x ", bytes[first + done]));
+      const uint8_t byte = bytes[first + done];
+      text_[length_++] = kDigits[byte >> 4];
+      text_[length_++] = kDigits[byte & 0xF];
+      text_[length_++] = ' ';
     }
     if (breaks_ && done == kBytesPerRow) text_[length_++] = '\n';
     return done;

@@ -23,6 +23,7 @@ constexpr uint8_t kHeadFirst = 0xEF;
 constexpr uint8_t kHeadSecond = 0x01;
 constexpr uint16_t kImageLength = 0xFFFF;     // length field of an image's end packet
 constexpr uint16_t kUncheckedImage = 0x55AA;  // checksum of an image that has none
+constexpr std::size_t kKept = 0x10000;        // bytes of a packet after which its copy starts over
 constexpr std::size_t kDumped = 64;           // bytes of a packet that are dumped
 constexpr int32_t kDrainLength = 64;
 constexpr wrx::DumpStyle kPacketDump = {true, true, true, "\n"};
@@ -95,6 +96,19 @@ int32_t complete_packet(PROT_PACKET& p, wrx::CallSite site) {
   return 0;
 }
 
+// Has the effect of keep() for each byte of a run. Of a run longer than the count's range only the
+// end is copied: it lies over all that went before.
+void keep_run(const uint8_t* bytes, std::size_t size) {
+  const std::size_t overwritten = size - std::min(size, kKept);
+  usb_recv_cnt = static_cast<uint16_t>(usb_recv_cnt + overwritten);
+  for (std::size_t done = overwritten; done < size;) {
+    const std::size_t piece = std::min(size - done, kKept - usb_recv_cnt);
+    std::memcpy(usb_recv_data + usb_recv_cnt, bytes + done, piece);
+    usb_recv_cnt = static_cast<uint16_t>(usb_recv_cnt + piece);
+    done += piece;
+  }
+}
+
 // Takes a whole run of payload bytes at once, up to the byte before the one that ends the payload,
 // with the same effect as one step each. Returns how many were taken.
 std::size_t take_payload_run(PROT_PACKET& p, const uint8_t* bytes, std::size_t available) {
@@ -103,12 +117,7 @@ std::size_t take_payload_run(PROT_PACKET& p, const uint8_t* bytes, std::size_t a
   const std::size_t run = std::min<std::size_t>(available, whole - p.prot_data_cnt - 1);
   std::memcpy(p.prot_data + p.prot_data_cnt, bytes, run);
   p.prot_data_cnt += static_cast<uint32_t>(run);
-  for (std::size_t done = 0; done < run;) {
-    const std::size_t piece = std::min<std::size_t>(run - done, 0x10000U - usb_recv_cnt);
-    std::memcpy(usb_recv_data + usb_recv_cnt, bytes + done, piece);
-    usb_recv_cnt = static_cast<uint16_t>(usb_recv_cnt + piece);
-    done += piece;
-  }
+  keep_run(bytes, run);
   return run;
 }
 

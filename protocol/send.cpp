@@ -14,6 +14,8 @@ namespace {
 
 constexpr uint16_t kPacketHead = 0xEF01;
 constexpr uint32_t kEveryModule = 0xFFFFFFFF;
+// An image is summed in blocks of this fixed length, which compilers turn into wide additions.
+constexpr std::ptrdiff_t kSumBlock = 64;
 
 void store_big_endian(uint8_t* bytes, uint32_t value, std::size_t count) {
   for (std::size_t i = count; i-- > 0; value >>= 8)
@@ -56,10 +58,15 @@ uint16_t get_check_sum(const uint8_t* buf, uint16_t len) {
     WRX_LOG(here(), "the point buf is null, error!!!\r\n");
     return 0;
   }
-  uint32_t sum = 0;
-  for (std::size_t i = 0; i < len; ++i)
-    sum += buf[i];
-  return static_cast<uint16_t>(sum);
+  uint16_t sum = 0;
+  const uint8_t* const end = buf + len;
+  for (; end - buf >= kSumBlock; buf += kSumBlock) {
+    for (std::ptrdiff_t i = 0; i < kSumBlock; ++i)
+      sum = static_cast<uint16_t>(sum + buf[i]);
+  }
+  for (; buf != end; ++buf)
+    sum = static_cast<uint16_t>(sum + *buf);
+  return sum;
 }
 
 int32_t fp_fill_msg_head(MSG_HEAD_STRUCT* head, uint8_t pkg_flag, uint16_t cmd_len) {
