@@ -2,7 +2,9 @@
 // Reading, storing and removing features. Each function is one statement or one transaction, so a
 // failure leaves the database as it was.
 
+#include <climits>
 #include <memory>
+#include <string>
 
 #include "api.h"
 #include "store.h"
@@ -22,26 +24,33 @@ struct Selection {
   int start, end;
 };
 
+// What selects them in each statement. The comparisons stand alone, so that the unique index finds
+// the rows of one user, and of these the range, without a walk over the others.
+constexpr char kOfUser[] = "uid = ?1";
+constexpr char kOfAnyUser[] = "?1 = -1";
+constexpr char kOfDriverInRange[] = " AND biotype = ?2 AND driver = ?3 AND idx BETWEEN ?4 AND ?5";
+
+std::string where(const Selection& which) {
+  return std::string(" WHERE ") + (which.uid == -1 ? kOfAnyUser : kOfUser) + kOfDriverInRange;
+}
+
 constexpr char kSelect[] =
     "SELECT f.id, f.uid, f.idx, f.index_name, s.id, s.no, s.data "
-    "FROM features f LEFT JOIN samples s ON s.feature = f.id "
-    "WHERE (?1 = -1 OR f.uid = ?1) AND f.biotype = ?2 AND f.driver = ?3 AND f.idx >= ?4 "
-    "AND (?5 = -1 OR f.idx <= ?5) ORDER BY f.uid, f.idx, s.pos";
+    "FROM features f LEFT JOIN samples s ON s.feature = f.id";
+constexpr char kSelectOrder[] = " ORDER BY f.uid, f.idx, s.pos";
 enum SelectColumn : int { kFeatureId, kUid, kIndex, kName, kSampleId, kNo, kData };
 
-constexpr char kDelete[] =
-    "DELETE FROM features WHERE (?1 = -1 OR uid = ?1) AND biotype = ?2 AND driver = ?3 "
-    "AND idx >= ?4 AND (?5 = -1 OR idx <= ?5)";
+constexpr char kDelete[] = "DELETE FROM features";
 
 void bind(Statement& statement, const Selection& which) {
   if (which.driver == nullptr) throw StoreError(SQLITE_MISUSE, "no driver is named");
   statement.bind(which.uid).bind(which.biotype).bind(which.driver);
-  statement.bind(which.start).bind(which.end);
+  statement.bind(which.start).bind(which.end == -1 ? INT_MAX : which.end);
 }
 
 /// The rows come a sample each, a feature's together; a feature without samples has one row.
 FeatureList read(sqlite3* db, const Selection& which) {
-  Statement rows(db, kSelect);
+  Statement rows(db, (kSelect + where(which) + kSelectOrder).c_str());
   bind(rows, which);
   FeatureList list;
   feature_info* last = nullptr;
@@ -84,7 +93,7 @@ void insert_samples(sqlite3* db, sqlite3_int64 feature, const feature_sample* sa
 }
 
 void remove(sqlite3* db, const Selection& which) {
-  Statement removal(db, kDelete);
+  Statement removal(db, (kDelete + where(which)).c_str());
   bind(removal, which);
   removal.run();
 }
