@@ -101,12 +101,26 @@ bool is_empty(sqlite3* db) {
   return !Statement(db, "SELECT 1 FROM sqlite_schema").step();
 }
 
+/// Another program's database may bear our version's number. Its lack of our tables must show now:
+/// to a driver that reads it later, no features and no tables look alike.
+void check_tables(sqlite3* db) {
+  try {
+    Statement(db,
+              "SELECT f.uid, f.biotype, f.driver, f.idx, f.index_name, s.pos, s.no, s.data "
+              "FROM features f LEFT JOIN samples s ON s.feature = f.id");
+  } catch (const StoreError& error) {
+    if (error.code() != SQLITE_ERROR) throw;
+    throw StoreError(SQLITE_NOTADB, error.what());
+  }
+}
+
 void make_or_check_schema(sqlite3* db) {
   const int version = user_version(db);
   if (version == 0 && is_empty(db)) return execute(db, kSchema);
   if (version > kSchemaVersion)
     throw StoreError(SQLITE_ERROR, "it was written by a newer version of this program");
   if (version < kSchemaVersion) throw StoreError(SQLITE_NOTADB, "it holds something else");
+  check_tables(db);
 }
 
 void check_health(sqlite3* db) {
