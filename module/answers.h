@@ -18,8 +18,10 @@ class Answers {
   uint32_t next_step() { return ++step_; }
   /// Queues a packet behind everything that is ready no later than it.
   void push(int64_t ready_us, uint32_t step, std::vector<uint8_t> packet);
+  /// Forgets everything not yet read.
   void clear();
 
+  /// Whether a read would get something now.
   bool ready(int64_t now_us) const;
   /// When the next packet that is not ready yet will be; kNever without one.
   int64_t next_us(int64_t now_us) const;

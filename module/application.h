@@ -30,10 +30,13 @@ class Application {
   Application(Settings& settings, Memory& memory, Sensor& sensor,
               std::vector<CommandRecord>& commands);
 
+  /// One whole transfer to endpoint 0x01.
   OutResult out(int64_t now_us, std::span<const uint8_t> data);
+  /// One transfer of at most `max` bytes from endpoint 0x81.
   InResult in(int64_t now_us, size_t max);
   /// The next moment after now at which there is more to say.
   int64_t next_event_us(int64_t now_us) const;
+  /// Lets the running procedure do what is due.
   void advance(int64_t now_us);
 
   Answers& answers() { return answers_; }

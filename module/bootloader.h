@@ -48,8 +48,11 @@ class Bootloader {
   Bootloader(const Settings& settings, Memory& memory, std::vector<CommandRecord>& commands)
       : settings_(settings), memory_(memory), commands_(commands) {}
 
+  /// One frame to endpoint 0x04; it is carried out at once, its answer comes in its time.
   OutResult out(int64_t now_us, std::span<const uint8_t> data);
+  /// The answer of at most `max` bytes from endpoint 0x84.
   InResult in(int64_t now_us, size_t max);
+  /// When the waiting answer may be read; kNever without one.
   int64_t next_event_us(int64_t now_us) const;
   /// When a permitted run-application command arrived; none before.
   std::optional<int64_t> run_asked_us() const { return run_asked_us_; }

@@ -67,18 +67,22 @@ class Bus {
   /// An empty bench on the machine's clock: devices, scripts, faults, trace and counts are gone.
   void reset();
 
+  /// The clock of everything here, which must outlive its use.
   void set_clock(Clock& clock);
   Clock& clock();
   /// Puts a device on the bus, behind those already there. It must stay until detach or reset.
   void attach(Device& device);
+  /// Takes it off; transfers that wait for it end as gone.
   void detach(Device& device);
   std::vector<Device*> devices();
   /// Runs a script on an attached device from now on.
   void play(Device& device, Script script);
   FaultPlan& faults() { return faults_; }
+  /// Who hears of every transfer and event from now on; empty: nobody.
   void set_trace(TraceSink sink);
   /// Lets the next `times` calls of the kind fail with libusb's `rc` (negative times: all).
   void refuse(Call call, int rc, int times = 1);
+  /// What the host holds now.
   LiveCounts live();
 
   /// When a device or script will do something by itself; kNever if none will. A virtual clock
@@ -105,6 +109,7 @@ class Bus {
   void count(const std::function<void(LiveCounts&)>& change);
   /// Whether anybody looks at the trace, so that records need their bytes.
   bool traced();
+  /// Stamps the record with the time and hands it to the sink.
   void trace(TraceRecord record);
   /// The number of the next handle, from 1.
   int next_handle();

@@ -77,16 +77,20 @@ class Device {
 
   // The world. `at_us` lets a script act at its own moment; by default it is now.
 
+  /// Gives it power; it appears after its power-up time, as what its flash allows.
   void plug(std::optional<int64_t> at_us = {});
   /// Off the bus and without power, at once.
   void unplug(std::optional<int64_t> at_us = {});
   /// The module loses its power; plug() gives it back.
   void cut_power(std::optional<int64_t> at_us = {});
+  /// cut_power() and plug() at the same moment.
   void power_cycle(std::optional<int64_t> at_us = {});
   /// The bus enumerates the device anew: handles die, the module notices nothing.
   void bus_reset();
+  /// Puts a finger down, to stay until lift().
   void press(Press press, std::optional<int64_t> at_us = {});
   void lift(std::optional<int64_t> at_us = {});
+  /// A press that is made and lifted when the module next waits for a finger.
   void queue_press(Press press);
 
   // For tests and people.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace wrx_module {
 namespace {
@@ -81,6 +82,17 @@ std::optional<FaultKind> fault_named(std::string_view name) {
 
 FaultValue fault_value(FaultKind kind) {
   return row(kind).value;
+}
+
+std::vector<std::string> fault_words() {
+  std::vector<std::string> words;
+  for (const Row& row : kKinds) {
+    std::string word(row.name);
+    if (row.value == FaultValue::count) word += " N";
+    if (row.value == FaultValue::time) word += " TIME";
+    words.push_back(std::move(word));
+  }
+  return words;
 }
 
 bool fault_fits(FaultKind kind, const TransferShape& shape) {

@@ -53,6 +53,8 @@ std::optional<FaultKind> fault_named(std::string_view name);
 /// Whether the kind takes a value, and of which sort.
 enum class FaultValue { none, count, time };
 FaultValue fault_value(FaultKind kind);
+/// The words of all kinds with the value each wants, for help texts.
+std::vector<std::string> fault_words();
 
 /// What a plan must know of a transfer to see which faults fit it.
 struct TransferShape {
@@ -66,6 +68,7 @@ bool fault_fits(FaultKind kind, const TransferShape& shape);
 /// The faults still to come, and the count of transfers so far. May be used from any thread.
 class FaultPlan {
  public:
+  /// Plans a fault; several at one transfer strike one after another.
   void add(Fault fault);
   /// Forgets all faults and starts counting again.
   void clear();

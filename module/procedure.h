@@ -24,6 +24,7 @@ class Procedure {
   Procedure(const Settings& settings, Memory& memory, Sensor& sensor, Answers& answers)
       : settings_(settings), memory_(memory), sensor_(sensor), answers_(answers) {}
 
+  /// Waits for `presses` good presses, 1 to 15, and stores them in `slot`.
   void start_enrol(int64_t now_us, uint16_t slot, uint8_t presses);
   /// `slot` 0xFFFF searches the whole library.
   void start_identify(int64_t now_us, uint16_t slot);
@@ -31,7 +32,9 @@ class Procedure {
 
   bool idle() const { return at_ == At::idle; }
   bool enrolling() const { return !idle() && enrol_; }
+  /// When the next step is due; kNever while idle or without a finger.
   int64_t next_event_us() const;
+  /// Takes every step that is due.
   void advance(int64_t now_us);
 
  private:

@@ -25,6 +25,7 @@ class Sensor {
  public:
   /// Puts a finger down at `at_us`, in place of one that is there.
   void press(Press press, int64_t at_us);
+  /// Takes the finger off, if there is one.
   void lift();
   /// Appends a press that is made, and lifted again, when the module next waits for a finger.
   void queue(Press press);

@@ -4,6 +4,7 @@
 #include "simulate.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -20,9 +21,13 @@ namespace {
 
 namespace wm = wrx_module;
 
+// A service that ends may still be saving when the next one is started already.
+constexpr std::chrono::seconds kHandOver{3};
+
 struct Simulation {
   std::unique_ptr<wm::Device> device;
   std::string memory_file;  // empty: forgotten at the end
+  wm::MemoryLock lock;      // of that file
 };
 
 std::mutex mutex;
@@ -91,13 +96,14 @@ int wrx_simulate_start(const char* script, const char* memory_file, char* error,
     const wm::Settings settings = wm::Settings::lifelike();
     wm::Memory memory = wm::factory_memory(settings.identity.version);
     std::string reason;
+    wm::MemoryLock lock;
     if (memory_file != nullptr &&
-        wm::load_memory(memory_file, memory, reason) == wm::LoadResult::failed) {
+        (!lock.take(memory_file, reason, kHandOver) ||
+         wm::load_memory(memory_file, memory, reason) == wm::LoadResult::failed)) {
       return fail(reason, error, error_size);
     }
     wm::bus().reset();
-    running.emplace();
-    running->memory_file = memory_file == nullptr ? "" : memory_file;
+    running.emplace(Simulation{{}, memory_file == nullptr ? "" : memory_file, std::move(lock)});
     running->device = std::make_unique<wm::Device>(wm::bus().clock(), settings, std::move(memory));
     wm::bus().attach(*running->device);
     wm::bus().play(*running->device, std::move(parsed.script));

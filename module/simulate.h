@@ -16,7 +16,7 @@ extern "C" {
  * language is described in script.h). With `memory_file` (may be null) the module's templates,
  * flash and version come from that file, when it exists, and go back to it at the end.
  * Returns 0, or -1 with the reason in `error` (at most error_size bytes, terminated); a damaged
- * file is never overwritten. */
+ * file is never overwritten, and one that another program has is refused. */
 int wrx_simulate_start(const char* script, const char* memory_file, char* error, size_t error_size);
 
 /* Runs a further script on the running module, from any thread. 0, or -1 with the reason. */

@@ -4,6 +4,7 @@
 #include "storage.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 namespace wrx_module {
@@ -225,6 +227,28 @@ bool save_memory(const std::string& path, const Memory& memory, std::string& err
   }
   error = reason(path, "cannot be saved");
   unlink(fresh.c_str());
+  return false;
+}
+
+MemoryLock::~MemoryLock() {
+  if (file_ >= 0) close(file_);
+}
+
+bool MemoryLock::take(const std::string& path, std::string& error,
+                      std::chrono::milliseconds patience) {
+  constexpr std::chrono::milliseconds kAgain{20};
+  const std::string beside = path + ".lock";
+  file_ = open(beside.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (file_ < 0) {
+    error = reason(beside, "cannot be made");
+    return false;
+  }
+  for (;; patience -= kAgain) {
+    if (flock(file_, LOCK_EX | LOCK_NB) == 0) return true;
+    if (patience < kAgain) break;
+    std::this_thread::sleep_for(kAgain);
+  }
+  error = path + ": another program has this module";
   return false;
 }
 

@@ -31,6 +31,7 @@ class Descriptor {
   Descriptor& operator=(Descriptor&& other) noexcept;
   ~Descriptor() { reset(); }
   int get() const { return fd_; }
+  /// Closes it, if it is open.
   void reset();
 
  private:

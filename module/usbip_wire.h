@@ -85,6 +85,7 @@ UrbMessage read_urb(std::span<const uint8_t> head);
 /// The answer to a submit: `status` is 0 or a negative error number, `moved` the bytes that went
 /// either way; `data` is what came (in).
 Bytes submit_reply(uint32_t seqnum, int32_t status, size_t moved, std::span<const uint8_t> data);
+/// The answer to an unlink: -ECONNRESET when the submit was taken back, 0 when it was too late.
 Bytes unlink_reply(uint32_t seqnum, int32_t status);
 
 }  // namespace wrx_module::usbip

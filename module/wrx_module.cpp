@@ -36,16 +36,20 @@ struct Options {
   std::vector<std::string> words;
 };
 
+constexpr int kUsage = 2;  // a mistake on the command line; other failures are 1
+
 constexpr char kExample[] =
     "The script drives the module's fingers, faults and settings, for example:\n"
     "  press thumb x13; at 40s; press index; wait 1s; lift\n"
     "  unplug after 20 transfers; fault at 3 stall; powerup match 21\n"
-    "  set press-gap 500ms\n"
-    "Settings:\n";
+    "  set press-gap 500ms\n";
 
 std::string script_help() {
-  std::string text = kExample;
+  std::string text = std::string(kExample) + "Settings:\n";
   for (const std::string& name : wm::setting_names())
+    text += "  " + name + "\n";
+  text += "Faults:\n";
+  for (const std::string& name : wm::fault_words())
     text += "  " + name + "\n";
   return text;
 }
@@ -72,6 +76,14 @@ wm::Script parsed_script(const std::string& text) {
   wm::ParsedScript parsed = wm::parse_script(read_script(text));
   if (parsed.error) throw std::runtime_error("script: " + parsed.error->text());
   return std::move(parsed.script);
+}
+
+/// Keeps the memory for this program, if it has one.
+wm::MemoryLock locked_memory(const Options& options) {
+  wm::MemoryLock lock;
+  std::string why;
+  if (!options.memory.empty() && !lock.take(options.memory, why)) throw std::runtime_error(why);
+  return lock;
 }
 
 std::unique_ptr<wm::Stand> make_stand(wm::Clock& clock, const Options& options) {
@@ -106,6 +118,7 @@ void save(const Options& options, wm::Stand& stand) {
 
 int run(const Options& options, bool served) {
   const wm::usbip::Descriptor stop = end_signals();
+  const wm::MemoryLock lock = locked_memory(options);
   wm::RealClock clock;
   const auto stand = make_stand(clock, options);
   std::optional<wm::ControlSocket> control;
@@ -185,7 +198,11 @@ int main_guarded(int argc, char** argv) {
   tell->footer(script_help());
   CLI::App* report = app.add_subcommand("report", "Show a running module's state as JSON");
   report->add_option("socket", options.socket, "Its control socket")->required();
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& end) {
+    return app.exit(end) == 0 ? 0 : kUsage;
+  }
 
   if (tell->parsed()) return put_request(options.socket, "play\n" + joined(options.words));
   if (report->parsed()) return put_request(options.socket, "report\n");
