@@ -2,6 +2,7 @@
 // wrxctl: the command-line client. Reads the command line, sets up the streams and the signals,
 // runs one command and turns its report into words and an exit code.
 
+#include <fcntl.h>
 #include <libintl.h>
 #include <unistd.h>
 
@@ -19,6 +20,15 @@ namespace {
 
 using host::Failure;
 using host::Outcome;
+
+/// Opens what the caller has closed of the three standard streams: a file opened later must not get
+/// such a stream's number, and with it what is written there.
+void open_standard_streams() {
+  int file = 0;
+  while (file >= 0 && file <= STDERR_FILENO)
+    file = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (file >= 0) close(file);
+}
 
 int code(Outcome outcome) {
   return static_cast<int>(outcome);
@@ -73,7 +83,9 @@ int run(const Options& options) {
     Output output(streams.own(), options.json, streams.terminal());
     const Report report = run_guarded(options, output);
     output.end(name(options.command), report);
-    return code(report.outcome);
+    if (!output.lost() || report.outcome != Outcome::Success) return code(report.outcome);
+    std::fprintf(stderr, "wrxctl: %s\n", tr("the answer cannot be written").c_str());
+    return code(Outcome::Failed);
   } catch (const Failure& failure) {
     Output(stdout, options.json, false)
         .end(name(options.command), {failure.outcome(), failure.what(), "", {}});
@@ -86,6 +98,7 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
   using namespace wrx::client;
+  open_standard_streams();
   std::setlocale(LC_ALL, "");
   bindtextdomain("wrx5300", locale_folder().c_str());
   textdomain("wrx5300");

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 
 #include "words.h"
@@ -86,21 +87,29 @@ void Output::endLocked(const std::string& command, const Report& report) {
     if (report.data.is_object()) object.update(report.data);
     return event(object);
   }
-  fmt::print(to_, "{}", report.body);
+  put(report.body);
   if (report.outcome == host::Outcome::Success || report.outcome == host::Outcome::NoMatch)
     return line(report.text);
-  std::fflush(to_);
-  fmt::print(stderr, "wrxctl: {}\n", report.text);
+  flush();
+  std::fprintf(stderr, "wrxctl: %s\n", report.text.c_str());
 }
 
-void Output::event(nlohmann::json object) {
+void Output::event(const nlohmann::json& object) {
   line(dumped(object));
 }
 
 void Output::line(const std::string& text) {
   leaveBar();
-  fmt::print(to_, "{}\n", text);
-  std::fflush(to_);
+  put(text + "\n");
+  flush();
+}
+
+void Output::put(const std::string& text) {
+  if (std::fwrite(text.data(), 1, text.size(), to_) != text.size() && errno != EPIPE) lost_ = true;
+}
+
+void Output::flush() {
+  if (std::fflush(to_) != 0 && errno != EPIPE) lost_ = true;
 }
 
 void Output::drawBar() {
@@ -108,14 +117,14 @@ void Output::drawBar() {
   const std::string bar = std::string(full, '#') + std::string(kBarWidth - full, '.');
   // Without wrapping: a line too long for the terminal must not leave a piece behind when the
   // next one is drawn over it.
-  fmt::print(to_, "\r\x1b[K\x1b[?7l[{}] {:3} %  {}\x1b[?7h", bar, share(done_, total_, 100),
-             beside_);
-  std::fflush(to_);
+  put(fmt::format("\r\x1b[K\x1b[?7l[{}] {:3} %  {}\x1b[?7h", bar, share(done_, total_, 100),
+                  beside_));
+  flush();
   bar_ = true;
 }
 
 void Output::leaveBar() {
-  if (bar_) fmt::print(to_, "\n");
+  if (bar_) put("\n");
   bar_ = false;
 }
 

@@ -21,7 +21,8 @@ struct Report {
   nlohmann::json data = nlohmann::json::object();  ///< for programs
 };
 
-/// Any thread may call it; each call writes whole lines.
+/// Any thread may call it; each call writes whole lines. A line that cannot be written stops
+/// nothing: the module's work goes on, and lost() tells of it.
 class Output {
  public:
   Output(FILE* to, bool json, bool terminal) : to_(to), json_(json), terminal_(terminal) {}
@@ -36,10 +37,15 @@ class Output {
   void end(const std::string& command, const Report& report);
   /// The end, for a thread that may have interrupted a writer: says nothing rather than wait.
   void endAtOnce(const std::string& command, const Report& report);
+  /// Whether something could not be written, on a full disk for example. A reader who went away
+  /// wanted no more and lost nothing.
+  bool lost() const { return lost_; }
 
  private:
-  void event(nlohmann::json object);
+  void event(const nlohmann::json& object);
   void line(const std::string& text);
+  void put(const std::string& text);
+  void flush();
   void drawBar();
   void leaveBar();
   void endLocked(const std::string& command, const Report& report);
@@ -47,6 +53,7 @@ class Output {
   FILE* to_;
   bool json_, terminal_;
   std::mutex guard_;
+  bool lost_ = false;
   bool bar_ = false;  ///< the cursor stands behind a bar
   int done_ = 0, total_ = 0;
   std::string beside_;  ///< the words beside the bar
