@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 
+#include "host/common/folders.h"
 #include "host/common/outcome.h"
 #include "words.h"
 
@@ -77,7 +78,7 @@ bool write_all(int file, std::string_view bytes) {
 
 void write_picture(const std::string& path, std::span<const uint8_t> grey) {
   const std::string bytes = path.ends_with(".pgm") ? pgm(grey) : png(grey);
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int file = host::open_private(path, O_TRUNC);
   const bool written = file >= 0 && write_all(file, bytes);
   const int error = errno;
   const bool closed = file >= 0 && close(file) == 0;

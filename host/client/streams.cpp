@@ -21,7 +21,7 @@ namespace {
 /// file's folder is not made, since a misspelt one would be.
 int open_trace(const std::string& path, bool named) {
   if (!named && !host::make_folder_of(path)) return -1;
-  return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  return host::open_private(path, O_TRUNC);
 }
 
 bool dumb_terminal() {

@@ -3,7 +3,9 @@
 
 #include "folders.h"
 
+#include <fcntl.h>
 #include <glib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <system_error>
@@ -42,7 +44,7 @@ std::string find_library(const char* file, const char* installed_folder) {
 }  // namespace
 
 std::string default_config() {
-  const std::string own = below(g_get_user_config_dir(), kConfigName);
+  std::string own = below(g_get_user_config_dir(), kConfigName);
   if (present(own)) return own;
   return present(kSystemConfig) ? kSystemConfig : "";
 }
@@ -70,6 +72,14 @@ std::string module_library() {
 bool make_folder_of(const std::string& file) {
   const std::string folder = fs::path(file).parent_path().string();
   return folder.empty() || g_mkdir_with_parents(folder.c_str(), 0700) == 0;
+}
+
+int open_private(const std::string& path, int flags) {
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0600);
+  struct stat status {};
+  // A device or a pipe in the file's place keeps its rights.
+  if (file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode)) fchmod(file, 0600);
+  return file;
 }
 
 }  // namespace wrx::host

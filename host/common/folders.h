@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Where files are when nobody says otherwise: the XDG base directories for what belongs to the
-// user, the build tree or the installation for libraries.
+// user, the build tree or the installation for libraries. And how those are made that are their
+// user's alone.
 #pragma once
 
 #include <string>
@@ -27,5 +28,9 @@ std::string module_library();
 
 /// Makes the folder of `file` for this user alone. False (errno set) when it cannot.
 bool make_folder_of(const std::string& file);
+
+/// Opens a file for writing that its user alone may read, be it new or there already. `flags` are
+/// open's, besides those for writing and making it. The descriptor, or -1 with errno.
+int open_private(const std::string& path, int flags);
 
 }  // namespace wrx::host

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "host/common/folders.h"
 #include "host/common/outcome.h"
 
 namespace wrx::service {
@@ -27,11 +28,9 @@ Trace::Trace(const std::string& path) : path_(path) {
 }
 
 void Trace::begin() {
-  const int file =
-      open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+  const int file = host::open_private(path_, O_APPEND | O_NOFOLLOW);
   if (file < 0)
     throw host::Failure(host::Outcome::Usage, "the trace " + path_ + ": " + std::strerror(errno));
-  fchmod(file, 0600);
   std::fflush(stdout);
   dup2(file, STDOUT_FILENO);
   close(file);
@@ -41,7 +40,12 @@ void Trace::rotate() {
   std::fflush(stdout);
   struct stat now {};
   if (fstat(STDOUT_FILENO, &now) != 0 || now.st_size < kLongest) return;
-  if (rename(path_.c_str(), (path_ + ".1").c_str()) == 0) begin();
+  if (rename(path_.c_str(), (path_ + ".1").c_str()) != 0) return;
+  try {
+    begin();
+  } catch (const host::Failure& failure) {  // the old one goes on, under its new name
+    std::fprintf(stderr, "wrxd: %s\n", failure.what());
+  }
 }
 
 }  // namespace wrx::service
