@@ -76,6 +76,17 @@ std::vector<SeenModule> identities(const host::PluginHost& plugin) {
   return all;
 }
 
+/// Whether a process has `node` open: no, when it has ended meanwhile or is another user's.
+bool has_open(const fs::path& process, const std::string& node) {
+  std::error_code gone;
+  fs::directory_iterator file(process / "fd", gone);
+  for (; !gone && file != fs::directory_iterator(); file.increment(gone)) {
+    std::error_code closed;
+    if (fs::read_symlink(file->path(), closed) == node) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 std::string SeenModule::id() const {
@@ -115,11 +126,7 @@ std::vector<std::string> holders(const std::string& node) {
     const std::string pid = process.path().filename();
     if (pid.find_first_not_of("0123456789") != pid.npos || pid == std::to_string(getpid()))
       continue;
-    std::error_code denied;
-    bool holds = false;
-    for (const fs::directory_entry& file : fs::directory_iterator(process.path() / "fd", denied))
-      holds = holds || fs::read_symlink(file.path(), ignored) == node;
-    if (!holds) continue;
+    if (!has_open(process.path(), node)) continue;
     std::string program;
     std::getline(std::ifstream(process.path() / "comm"), program);
     found.push_back(fmt::format("{} (pid {})", program, pid));

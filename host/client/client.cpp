@@ -85,11 +85,10 @@ host::Outcome Client::operate(const std::string& prompt,
 }
 
 bool Client::moduleIsGone() {
-  // To the driver, a module that was pulled out is one that stays silent.
-  if (stopRequested()) return false;
-  int found = 0;
-  run([&] { found = plugin_->discover(); });
-  return found < 1;
+  // To the driver, a module that was pulled out is one that stays silent. The worker runs nothing
+  // any more when the time was up.
+  if (stopRequested() && !timed_out_) return false;
+  return plugin_->discover() < 1;
 }
 
 host::Outcome Client::consult(const std::function<void(bio_dev&)>& operation) {

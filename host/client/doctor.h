@@ -35,11 +35,17 @@ struct Scene {
 };
 
 // On the worker thread, the module closed. Each returns what it found.
+/// Is there a module? Fills the scene's bus and module.
 Finding check_bus(Scene& scene);
+/// May this user open its node?
 Finding check_rights(Scene& scene);
+/// Does another program or the kernel hold its interface?
 Finding check_holder(Scene& scene);
+/// Do its power attributes in sysfs suit the configuration?
 Finding check_power(Scene& scene);
+/// Can the drivers' configuration be used, and by nobody else be written?
 Finding check_framework_config(Scene& scene);
+/// The same of the driver's own.
 Finding check_driver_config(Scene& scene);
 
 /// Whether the drivers' configuration can be loaded; true for an empty path.

@@ -14,6 +14,7 @@ namespace wrx::client {
 
 class Monitor {
  public:
+  /// Takes the framework's hook for as long as it lives; one at a time.
   explicit Monitor(Output& output);
   ~Monitor();
   Monitor(const Monitor&) = delete;

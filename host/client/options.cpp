@@ -86,14 +86,16 @@ std::string exit_code_help() {
   return text;
 }
 
-/// Refuses a text that `read` does not know.
+/// Refuses a text that `read` does not know; `refusal` says so, with the text for its {}.
 template <class Reader>
-CLI::Validator readable(Reader read, const char* expected) {
+CLI::Validator readable(Reader read, const char* refusal) {
   return CLI::Validator(
-      [read, expected](std::string& text) {
-        return read(text) ? std::string() : "\"" + text + "\" is not " + expected;
-      },
-      "");
+      [read, refusal](std::string& text) { return read(text) ? "" : tr(refusal, text); }, "");
+}
+
+/// A name is shown on terminals and stands in lines of the trace.
+bool without_controls(std::string_view name) {
+  return std::ranges::none_of(name, [](unsigned char c) { return c < 0x20 || c == 0x7f; });
 }
 
 void add_common(CLI::App& app, Options& options, Texts& texts) {
@@ -131,7 +133,7 @@ void add_selection(CLI::App& app, unsigned takes, Options& options, Texts& texts
                    : (takes & kEveryone) != 0
                        ? tr("User id, log-in name or \"all\" (default: all)")
                        : tr("User id, log-in name or \"all\" (default: you)"))
-        ->check(readable(read_user, "a user"))
+        ->check(readable(read_user, N_("\"{}\" is not a user")))
         ->type_name("USER");
   CLI::Option* index = nullptr;
   if ((takes & kIndex) != 0)
@@ -140,21 +142,26 @@ void add_selection(CLI::App& app, unsigned takes, Options& options, Texts& texts
                     [](std::string_view text) {
                       return text.find("..") == text.npos && read_range(text);
                     },
-                    "an index"))
+                    N_("\"{}\" is not an index")))
                 ->type_name("N");
   if ((takes & kRange) != 0)
     app.add_option("--range", texts.range, tr("Indexes A to B; without B: from A on"))
-        ->check(readable(read_range, "a range A..B"))
+        ->check(readable(read_range, N_("\"{}\" is not a range A..B")))
         ->type_name("A..B")
         ->excludes(index);
   if ((takes & kName) != 0)
     app.add_option("--name", options.finger_name, tr("What to call the finger"))
+        ->check(CLI::Validator(
+            [](std::string& name) {
+              return without_controls(name) ? "" : tr("a name has no control characters");
+            },
+            ""))
         ->capture_default_str()
         ->type_name("TEXT");
   if ((takes & kTimeout) != 0)
     app.add_option("--timeout", texts.timeout,
                    tr("Give up after this time, 1500ms or 20s (default: 10s; identify: never)"))
-        ->check(readable(read_timeout, "a time from 1ms to 3600s"))
+        ->check(readable(read_timeout, N_("\"{}\" is not a time from 1ms to 3600s")))
         ->type_name("TIME");
   if ((takes & kAll) != 0) app.add_flag("--all", options.all, tr("All fingers of the user"));
 }
@@ -183,12 +190,12 @@ void read_texts(const Texts& texts, unsigned takes, Options& options) {
   const int nobody_said = (takes & kEveryone) != 0 ? kEveryUser : static_cast<int>(getuid());
   options.uid = texts.uid.empty() ? nobody_said : *read_user(texts.uid);
   if ((takes & kUser) != 0 && options.uid == kEveryUser)
-    throw CLI::ValidationError("--uid", "one user at a time, not \"all\"");
+    throw CLI::ValidationError("--uid", tr("one user at a time, not \"all\""));
   if (!texts.index.empty()) options.index = read_range(texts.index)->first;
   if (!texts.range.empty()) options.range = read_range(texts.range);
   if (!texts.timeout.empty()) options.timeout_ms = read_timeout(texts.timeout);
   if ((takes & kAll) != 0 && options.all == (options.index || options.range))
-    throw CLI::ValidationError("clean", "say which: --index N, --range A..B, or --all");
+    throw CLI::ValidationError("clean", tr("say which: --index N, --range A..B, or --all"));
 }
 
 void fill_defaults(Options& options) {
@@ -196,6 +203,8 @@ void fill_defaults(Options& options) {
     if (file.empty()) file = std::move(otherwise);
   };
   options.trace_chosen = !options.trace.empty();
+  // A name without a folder would be looked for along the linker's path.
+  if (!options.plugin.empty()) options.plugin = std::filesystem::absolute(options.plugin).string();
   unless_given(options.plugin, host::default_plugin());
   unless_given(options.config, host::default_config());
   unless_given(options.database, host::default_database(options.simulate));

@@ -68,6 +68,7 @@ struct Parsed {
   std::string error;               ///< why there are no options; empty after --help
 };
 
+/// Reads the command line; prints nothing but a help that was asked for.
 Parsed parse(int argc, char** argv);
 
 /// A command as a shell completes it.

@@ -30,6 +30,7 @@ struct Differences {
   std::vector<Finger> shared;   ///< records of which another names the same slot
   std::vector<Finger> outside;  ///< records with a slot that is not the driver's, and is taken
 
+  /// All of them; a record counts once.
   std::size_t count() const {
     return orphans.size() + lost.size() + shared.size() + outside.size();
   }
