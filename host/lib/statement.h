@@ -59,6 +59,7 @@ class Transaction {
   ~Transaction();
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
+  /// Makes it last; throws StoreError, and then all is given back.
   void commit();
 
  private:

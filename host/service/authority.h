@@ -17,6 +17,7 @@ enum class Permission { Verify, Enrol, SetUsername };
 
 class Authority {
  public:
+  /// `bus` must outlive it; polkit need not be there yet.
   explicit Authority(sdbus::IConnection& bus);
 
   /// Any one of these will do.

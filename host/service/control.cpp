@@ -4,6 +4,7 @@
 #include "control.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -46,7 +47,8 @@ Control::Control(EventLoop& loop, const host::Simulation& simulation, const std:
   if (path.size() >= sizeof address.sun_path)
     throw Failure(Outcome::Usage, "the control socket's name is too long: " + path);
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  unlink(path.c_str());
+  struct stat left_over {};
+  if (lstat(path.c_str(), &left_over) == 0 && S_ISSOCK(left_over.st_mode)) unlink(path.c_str());
   if (bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       listen(listener_, 8) != 0)
     throw Failure(Outcome::Usage, "the control socket " + path + ": " + std::strerror(errno));

@@ -30,6 +30,7 @@ class EventLoop {
 
   /// Calls `readable` whenever there is something to read. The descriptor stays the caller's.
   void watch(int descriptor, Action readable);
+  /// Ends the watch; allowed while its own action runs.
   void unwatch(int descriptor);
 
   /// Calls `action` once, that much later. A timer that ran or was cancelled may be cancelled.

@@ -4,6 +4,7 @@
 #include "module_thread.h"
 
 #include <chrono>
+#include <cstdio>
 #include <utility>
 
 #include "host/common/outcome.h"
@@ -84,8 +85,9 @@ void ModuleThread::serve() {
     lock.unlock();
     try {
       job->worker_.run([&job] { job->work_(*job); });
-    } catch (const host::Failure&) {
-      // Stopped before it began.
+    } catch (const host::Failure& failure) {
+      if (failure.outcome() != host::Outcome::Stopped)
+        std::fprintf(stderr, "wrxd: %s\n", failure.what());
     }
     job->work_ = {};
     loop_.post([this] { ended(); });

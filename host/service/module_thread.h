@@ -57,6 +57,7 @@ class ModuleThread {
 
   /// Begins no further job; calls `quiet` once none is running.
   void hold(EventLoop::Action quiet);
+  /// Ends a hold: what was queued meanwhile begins.
   void proceed();
 
   bool idle() const { return running_ == nullptr && waiting_.empty(); }

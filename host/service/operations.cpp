@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Start-up, waits for a finger, enrolment, removal.
+// Waits for a finger, enrolment, removal.
 
 #include "operations.h"
 
@@ -48,11 +48,6 @@ class Closing {
 };
 
 }  // namespace
-
-bool Operations::start() {
-  host_.initialise();
-  return discover();
-}
 
 bool Operations::discover() {
   return host_.discover() >= 1 && host_.device().enable != 0;

@@ -29,9 +29,6 @@ class Operations {
  public:
   Operations(host::PluginHost& host, DriverEvents& events) : host_(host), events_(events) {}
 
-  /// The driver's start-up, which may take a minute when it replaces the module's firmware. Whether
-  /// there is a module to use afterwards.
-  bool start();
   /// Whether there is a module to use.
   bool discover();
   void attach() { host_.device().ops_attach(&host_.device()); }

@@ -62,7 +62,9 @@ std::variant<Options, int> parse_options(int argc, char** argv) {
   }
   if (options.config.empty() && std::filesystem::exists(kSystemConfig))
     options.config = kSystemConfig;
-  if (options.plugin.empty()) options.plugin = host::default_plugin();
+  // A name without a folder would be looked for along the linker's path.
+  options.plugin = options.plugin.empty() ? host::default_plugin()
+                                          : std::filesystem::absolute(options.plugin).string();
   if (options.state.empty()) options.state = kStateFolder;
   options.idle_exit = std::chrono::seconds(idle_s);
   options.wait = std::chrono::milliseconds(wait_ms);

@@ -20,10 +20,15 @@ namespace wrx::service {
 class ReaderListener {
  public:
   virtual ~ReaderListener() = default;
+  /// A wait has begun for this finger, or found it.
   virtual void fingerSelected(const std::string& name) = 0;
+  /// How a comparison ended.
   virtual void verifyStatus(const std::string& word, bool done) = 0;
+  /// What became of a press, or (done) of the enrolment.
   virtual void enrollStatus(const std::string& word, bool done) = 0;
+  /// The reader waits for a finger, or does no more.
   virtual void fingerNeededChanged() = 0;
+  /// A finger has come or gone.
   virtual void fingerPresentChanged() = 0;
 };
 
@@ -54,7 +59,9 @@ class Reader {
 
   /// Refuses while anybody has the claim.
   void requireFree() const;
+  /// Reserves the reader for the client, to act for user `uid`.
   void claim(const std::string& client, int uid);
+  /// Ends the client's claim with whatever runs under it.
   void release(const std::string& client, const Reply& reply);
   /// The user of the client's claim.
   int claimedFor(const std::string& client) const;
@@ -62,7 +69,9 @@ class Reader {
   void requireNoOther(const std::string& client) const;
   /// Waits for the finger named so ("any": one of the user's).
   void verify(const std::string& client, const std::string& finger);
+  /// Takes a new finger under that name; one that has a record is answered as a duplicate.
   void enrol(const std::string& client, const std::string& finger);
+  /// Ends the running wait, answered or not.
   void stop(const std::string& client, Use use, const Reply& reply);
   /// Deletes fingers of `uid`, from `first` to `last` (-1: no upper end).
   void remove(const std::string& client, int uid, int first, int last, const Reply& reply);

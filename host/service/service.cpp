@@ -58,11 +58,22 @@ Service::Service(const Options& options)
     if (module_.idle()) trace_.rotate();
   });
   // The name comes first: without it another service may have the module in its hands.
-  bus_->requestName(kBusName);
+  takeName();
   startDriver();
 }
 
 Service::~Service() = default;
+
+void Service::takeName() {
+  try {
+    bus_->requestName(kBusName);
+  } catch (const sdbus::Error& error) {
+    throw host::Failure(host::Outcome::Refused, std::string("the bus does not give the name ") +
+                                                    kBusName +
+                                                    "; is another fingerprint service running? (" +
+                                                    error.getMessage() + ")");
+  }
+}
 
 void Service::startDriver() {
   const auto on_change = [this](bool present) { plugged(present); };

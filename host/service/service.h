@@ -39,6 +39,7 @@ class Service {
   void run(int signals);
 
  private:
+  void takeName();
   void startDriver();
   void lookForModule(const Job::Work& first);
   void found(bool present);
