@@ -17,9 +17,12 @@ else()
   set(framework_header libbiometric.h)
 endif()
 
-# wrx_driver_objects(NAME ROOT): the driver's objects, with ROOT put before every system path.
+# wrx_driver_objects(NAME ROOT [KIND]): the driver's objects, or a library of another KIND, with ROOT
+# put before every system path.
 function(wrx_driver_objects name root)
-  add_library(${name} OBJECT ${WRX_DRIVER_SOURCES})
+  set(kind ${ARGN} OBJECT)
+  list(GET kind 0 kind)
+  add_library(${name} ${kind} ${WRX_DRIVER_SOURCES})
   target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include)
   target_compile_definitions(${name}
     PUBLIC WRX_FRAMEWORK_HEADER=<${framework_header}>
@@ -53,7 +56,14 @@ wrx_plugin(wrx5300 "")
 # The same plug-in with its system paths below the build tree, for demonstrations that need
 # configuration files and a firmware image without touching the machine's own.
 wrx_plugin(wrx5300-scratch "${CMAKE_BINARY_DIR}/scratch")
-wrx_driver_objects(wrx_driver_for_tests ".")
+if(WRX_MUTATE)
+  # A library that can be replaced under the built tests; it calls its own functions.
+  wrx_driver_objects(wrx_driver_for_tests "." SHARED)
+  target_compile_options(wrx_driver_for_tests PRIVATE -fvisibility=default -O0)
+  target_link_options(wrx_driver_for_tests PRIVATE -Wl,-Bsymbolic-functions)
+else()
+  wrx_driver_objects(wrx_driver_for_tests ".")
+endif()
 
 set(WRX_PLUGIN_DIR ${CMAKE_INSTALL_LIBDIR}/biometric-authentication/drivers CACHE STRING
     "where the framework looks for its drivers")

@@ -18,6 +18,7 @@ set(WRX_FRAMEWORK_HEADER "libbiometric.h" CACHE STRING "the system framework's p
 set(WRX_SANITIZE "" CACHE STRING "sanitizers to build with, e.g. address,undefined or thread")
 option(WRX_BENCH "build the benchmarks" OFF)
 option(WRX_FUZZ "build the fuzzers (clang)" OFF)
+option(WRX_MUTATE "link the tests with the driver as a shared library, for tests/mutate" OFF)
 
 add_library(wrx_warnings INTERFACE)
 target_compile_options(wrx_warnings INTERFACE
@@ -28,13 +29,21 @@ if(WRX_SANITIZE)
   add_compile_options(-fsanitize=${WRX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${WRX_SANITIZE})
 else()
-  add_compile_options(-fstack-protector-strong)
-  if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection)
+  if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")  # it checks nothing without optimisation
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
   endif()
-  add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+  add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack,-z,text)
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
-    add_compile_options(-mbranch-protection=standard)
+    # Atomic operations in line: the compiler's functions for them have no landing pads.
+    add_compile_options(-mbranch-protection=standard -mno-outline-atomics)
+  elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|amd64")
+    add_compile_options(-fcf-protection)
   endif()
 endif()
-add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+include(CheckPIESupported)
+check_pie_supported()
+
+# The same files from any folder: no path of the source or the build gets into them.
+add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}/=)
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)

@@ -148,29 +148,38 @@ TEST(Reenumeration, InEveryOrderEndsWithTheNewFirmwareOrAWorkingModule) {
   }
 }
 
-// The bootloader is on the bus before the old identity has left it.
+// The bootloader is on the bus before the old identity has left it, or beside it for good.
 TEST(Reenumeration, WithTheNewHereBeforeTheOldIsGone) {
-  const std::string end = in_fresh_process([]() -> std::string {
-    wrx_module::Settings settings = Rig::instant();
-    settings.reboot.leave_us = 1'300'000;
-    settings.reboot.bootloader_appears_us = -1;
-    Rig rig(settings);
-    wrx_module::Memory torn = wrx_module::factory_memory(100);
-    torn.stored_crc.reset();
-    settings.bootloader.version_of_image = [](auto) { return 101U; };
-    wrx_module::Device boot(rig.clock, settings, torn);
-    boot.unplug();
-    wrx_module::bus().attach(boot);
-    rig.clock.at(900'000, [&] { wrx_module::bus().locked([&] { boot.plug(); }); });
-    rig.extra_config("UpgradeMode=AUTO_UPGRADE\nUpgradeFlag=3\n");
-    rig.install_firmware("ACM32FP_V101", image_of(481));
-    rig.start();
-    rig.clock.join();
-    const std::string version = std::to_string(boot.memory().version);
-    wrx_module::bus().detach(boot);
-    return version;
-  });
-  EXPECT_EQ(end, "101");
+  constexpr struct {
+    const char* what;
+    int64_t old_gone_ms, new_here_ms;
+  } kRows[] = {{"both in time", 950, 500},
+               {"gone late", 1300, 900},
+               {"both late", 6500, 4500},
+               {"never gone", 1'000'000, 900}};
+  for (const auto& row : kRows) {
+    const std::string end = in_fresh_process([&row]() -> std::string {
+      wrx_module::Settings settings = Rig::instant();
+      settings.reboot.leave_us = row.old_gone_ms * 1000;
+      settings.reboot.bootloader_appears_us = -1;
+      Rig rig(settings);
+      wrx_module::Memory torn = wrx_module::factory_memory(100);
+      torn.stored_crc.reset();
+      settings.bootloader.version_of_image = [](auto) { return 101U; };
+      wrx_module::Device boot(rig.clock, settings, torn);
+      boot.unplug();
+      wrx_module::bus().attach(boot);
+      rig.clock.at(row.new_here_ms * 1000, [&] { wrx_module::bus().locked([&] { boot.plug(); }); });
+      rig.extra_config("UpgradeMode=AUTO_UPGRADE\nUpgradeFlag=3\n");
+      rig.install_firmware("ACM32FP_V101", image_of(481));
+      rig.start();
+      rig.clock.join();
+      const std::string version = std::to_string(boot.memory().version);
+      wrx_module::bus().detach(boot);
+      return version;
+    });
+    EXPECT_EQ(end, "101") << row.what;
+  }
 }
 
 }  // namespace

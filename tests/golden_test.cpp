@@ -55,6 +55,22 @@ std::vector<std::string> endings(const std::vector<Ending>& all, void (*operatio
   return lines;
 }
 
+// Features of a user, with a template each in the next slots.
+void store(Rig& rig, int uid, int count) {
+  for (int i = 0; i < count; ++i) {
+    const auto slot = static_cast<uint16_t>(20 + rig.slots().size());
+    rig.store({uid, i, {slot}});
+    rig.device.memory().templates[slot] = "finger" + std::to_string(slot);
+  }
+}
+
+// The module refuses a search that it had begun.
+void refuse_late(Rig& rig) {
+  rig.clock.at(rig.clock.now_us() + 35'000, [&rig] {
+    wrx_module::bus().locked([&] { rig.device.say(std::vector<uint8_t>{27, 0}); });
+  });
+}
+
 constexpr Ending kStopped = {"stopped by the user", [](Rig& rig) { rig.stop_at(30); }};
 constexpr Ending kTimedOut = {"timed out", [](Rig&) {}};
 constexpr Ending kRefused = {"refused by the module", [](Rig& rig) { rig.play("refuse 50 27"); }};
@@ -74,12 +90,14 @@ TEST(Golden, VerifyOfAnotherFingerOfTheUser) {
   EXPECT_EQ(golden_difference("verify-no-match", rig.trace.lines()), "");
 }
 
-TEST(Golden, EnrolmentWithTwoBadPresses) {
+TEST(Golden, EnrolmentWithEveryKindOfBadPress) {
   Rig rig(step_by_step());
   rig.device.memory().templates = {{20, "index"}, {30, "nobody"}};
   rig.store({2000, 0, {20}});
   rig.ready();
-  rig.play("finger thumb; press; press x3; press smudged; press x4; press repeated; press x5");
+  rig.play(
+      "finger thumb; press; press x3; press smudged; press repeated; press x3; press small;"
+      "press duplicate; press x3; press dry; press rejected; press x3");
   EXPECT_EQ(rig.enroll(Rig::kUser, -1, "right thumb"), 0);
   EXPECT_EQ(golden_difference("enroll", rig.trace.lines()), "");
 }
@@ -93,13 +111,24 @@ TEST(Golden, EnrolmentsThatFail) {
       {"module vanished", [](Rig& rig) { rig.play("press"), rig.lose_handle_at(62); }},
       {"start refused", [](Rig& rig) { rig.play("press; refuse 49 27"); }},
       {"library full", [](Rig& rig) { rig.play("press; refuse 49 31"); }},
+      {"slot refused", [](Rig& rig) { rig.play("press; refuse 49 11"); }},
+      {"no index table", [](Rig& rig) { rig.play("refuse 31 27 x2; press late"); }},
+      {"no slot free", [](Rig& rig) { store(rig, 2000, 10), store(rig, 3000, 10); }},
+      {"tenth finger of the user", [](Rig& rig) { store(rig, Rig::kUser, 10); }},
   };
   EXPECT_EQ(golden_difference("enroll-endings", endings(all, [](Rig& rig) { rig.enroll(); })), "");
 }
 
 TEST(Golden, VerifiesThatFail) {
   const std::vector<Ending> all = {
-      kStopped, kTimedOut, {"module vanished", [](Rig& rig) { rig.lose_handle_at(26); }}, kRefused};
+      kStopped,
+      kTimedOut,
+      {"module vanished", [](Rig& rig) { rig.lose_handle_at(26); }},
+      kRefused,
+      {"refused late", refuse_late},
+      {"start not sent", [](Rig& rig) { rig.play("fault at 16 stall"); }},
+      {"unplugged", [](Rig& rig) { rig.play("at 30ms; unplug"); }},
+  };
   EXPECT_EQ(golden_difference("verify-endings", endings(all, [](Rig& rig) { rig.verify(); })), "");
 }
 
@@ -117,7 +146,12 @@ TEST(Golden, IdentifiesThatFail) {
 
 TEST(Golden, SearchesThatFail) {
   const std::vector<Ending> all = {
-      kStopped, kTimedOut, {"module vanished", [](Rig& rig) { rig.lose_handle_at(26); }}, kRefused};
+      kStopped,
+      kTimedOut,
+      {"module vanished", [](Rig& rig) { rig.lose_handle_at(26); }},
+      kRefused,
+      {"no module", [](Rig& rig) { rig.device.unplug(); }},
+  };
   EXPECT_EQ(golden_difference("search-endings", endings(all, [](Rig& rig) { rig.search(); })), "");
 }
 
@@ -129,7 +163,7 @@ TEST(Golden, CleansThatDoNotSucceed) {
       {"module vanished", [](Rig& rig) { rig.lose_handle_at(2); }},
       {"second template refused", [](Rig& rig) { rig.play("at 10ms; refuse 12 27"); }}};
   const auto operation = [](Rig& rig) {
-    rig.store({Rig::kUser, 0, {20}});
+    rig.store({Rig::kUser, 0, {20, 22}});
     rig.store({Rig::kUser, 1, {21}});
     rig.trace.clear();
     rig.clean();

@@ -1,24 +1,21 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The stand-in framework: what its feature database keeps, refuses and reports, and its words.
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 #include <climits>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "libbiometric.h"
+#include "support/rig.h"
 
+namespace wrx_test {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
 
 struct Event {
   bio_event kind;
@@ -26,66 +23,26 @@ struct Event {
   std::string text;
 };
 
-/// A scratch folder with a database in it, and every event the library sends.
+/// A database in the scratch folder, and every event the library sends.
 class Framework : public testing::Test {
  protected:
   Framework() {
-    char name[] = "/tmp/wrx-host-XXXXXX";
-    folder_ = mkdtemp(name);
-    usePath(folder_ / "features.db");
     bio_host_set_db_busy_ms(0);
     bio_host_set_hook(&Framework::hear, this);
-    dev_.device_name = driver_.data();
+    rig.dev.device_name = driver_.data();
   }
   ~Framework() override {
     bio_host_set_hook(nullptr, nullptr);
-    bio_host_set_db_path(nullptr);
     bio_host_set_db_busy_ms(2000);
-    fs::remove_all(folder_);
   }
   static void hear(void* self, bio_dev*, bio_event kind, int number, const char* text) {
     static_cast<Framework*>(self)->events_.push_back({kind, number, text});
   }
-  void usePath(const fs::path& path) {
-    path_ = path;
-    bio_host_set_db_path(path.c_str());
-  }
-
-  /// Stores a finger with its slots; the store's answer.
-  int store(int uid, int index, const std::vector<int>& slots, const char* name = "thumb") {
-    feature_info* info = bio_sto_new_feature_info(uid, 0, dev_.device_name, index, name);
-    feature_sample** tail = &info->sample;
-    for (const int slot : slots) {
-      *tail = bio_sto_new_feature_sample(-1, nullptr);
-      (*tail)->no = slot;
-      tail = &(*tail)->next;
-    }
-    sqlite3* db = bio_sto_connect_db();
-    const int answer = bio_sto_set_feature_info(db, info);
-    bio_sto_disconnect_db(db);
-    bio_sto_free_feature_info_list(info);
-    return answer;
-  }
   int clean(int uid, int start, int end) {
     sqlite3* db = bio_sto_connect_db();
-    const int answer = bio_sto_clean_feature_info(db, uid, 0, dev_.device_name, start, end);
+    const int answer = bio_sto_clean_feature_info(db, uid, 0, "wrx5300", start, end);
     bio_sto_disconnect_db(db);
     return answer;
-  }
-  /// The selection as "uid/index:slot,slot, …".
-  std::string stored(int uid = -1, int start = 0, int end = -1) {
-    sqlite3* db = bio_sto_connect_db();
-    feature_info* list = bio_sto_get_feature_info(db, uid, 0, dev_.device_name, start, end);
-    bio_sto_disconnect_db(db);
-    std::string text;
-    for (const feature_info* info = list; info != nullptr; info = info->next) {
-      text += (text.empty() ? "" : " ") + std::to_string(info->uid) + "/" +
-              std::to_string(info->index) + ":";
-      for (const feature_sample* s = info->sample; s != nullptr; s = s->next)
-        text += (s == info->sample ? "" : ",") + std::to_string(s->no);
-    }
-    bio_sto_free_feature_info_list(list);
-    return text;
   }
   /// The text of the only store error since the last call; empty when there is none or several.
   std::string storeError() {
@@ -95,117 +52,130 @@ class Framework : public testing::Test {
     events_.clear();
     return found.size() == 1 ? found[0] : "";
   }
-  std::string bytes() const {
-    std::ifstream file(path_, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+  static void execute(sqlite3* db, const char* sql) {
+    ASSERT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sql;
   }
 
-  fs::path folder_, path_;
+  Rig rig;
+  bio_dev& dev_ = rig.dev;
   std::string driver_ = "wrx5300";
-  bio_dev dev_{};
   std::vector<Event> events_;
 };
 
 TEST_F(Framework, SelectionsAreOrderedByUserAndIndexWithSamplesAsStored) {
-  for (const auto& [uid, index] : {std::pair{7, 3}, {2, 9}, {7, 0}, {2, 1}})
-    ASSERT_EQ(store(uid, index, {index + 30, index + 20}), 0);
+  const Stored a = {2, 1, {31, 21}}, b = {2, 9, {39, 29}}, c = {7, 0, {30, 20}},
+               d = {7, 3, {33, 23}};
+  for (const Stored& feature : {d, b, c, a})
+    ASSERT_EQ(rig.store(feature), 0);
   const struct {
     int uid, start, end;
-    const char* expected;
-  } rows[] = {
-      {-1, 0, -1, "2/1:31,21 2/9:39,29 7/0:30,20 7/3:33,23"},
-      {-1, 1, 3, "2/1:31,21 7/3:33,23"},
-      {7, 0, -1, "7/0:30,20 7/3:33,23"},
-      {7, 3, 3, "7/3:33,23"},
-      {2, 2, 8, ""},
-      {5, 0, -1, ""},
-      {2, 9, 1, ""},
-  };
+    std::vector<Stored> expected;
+  } rows[] = {{-1, 0, -1, {a, b, c, d}},
+              {-1, 1, 3, {a, d}},
+              {7, 0, -1, {c, d}},
+              {7, 3, 3, {d}},
+              {2, 2, 8, {}},
+              {5, 0, -1, {}},
+              {2, 9, 1, {}}};
   for (const auto& row : rows)
-    EXPECT_EQ(stored(row.uid, row.start, row.end), row.expected);
+    EXPECT_EQ(rig.stored(row.uid, row.start, row.end), row.expected);
   EXPECT_EQ(clean(7, 1, -1), 0);
   EXPECT_EQ(clean(-1, 9, 9), 0);
-  EXPECT_EQ(stored(), "2/1:31,21 7/0:30,20");
+  EXPECT_THAT(rig.stored(), ElementsAre(a, c));
 }
 
-TEST_F(Framework, StoringAnIndexAgainReplacesItAndLeavesNoSampleBehind) {
-  ASSERT_EQ(store(1, 0, {20, 21}, "it's \"mine\"; --"), 0);
-  ASSERT_EQ(store(1, 0, {25}), 0);
-  EXPECT_EQ(stored(), "1/0:25");
-  sqlite3* db = bio_sto_connect_db();
-  sqlite3_exec(
-      db, "SELECT count(*) FROM samples",
-      [](void*, int, char** values, char**) {
-        EXPECT_STREQ(values[0], "1");
-        return 0;
-      },
-      nullptr, nullptr);
-  bio_sto_disconnect_db(db);
+TEST_F(Framework, OneFingerIsReadAndRemovedWithoutAWalkOverTheOthers) {
+  long steps[2] = {};  // of SQLite's machine, with few stored and with many
+  for (const int stored : {10, 40}) {
+    sqlite3* db = bio_sto_connect_db();
+    for (int index = 0; index < stored; ++index) {
+      feature_info* info = bio_sto_new_feature_info(7, 0, dev_.device_name, index, "thumb");
+      EXPECT_EQ(bio_sto_set_feature_info(db, info), 0);
+      bio_sto_free_feature_info_list(info);
+    }
+    sqlite3_progress_handler(
+        db, 1,
+        [](void* count) {
+          ++*static_cast<long*>(count);
+          return 0;
+        },
+        &steps[stored > 10 ? 1 : 0]);
+    bio_sto_free_feature_info_list(bio_sto_get_feature_info(db, 7, 0, dev_.device_name, 5, 5));
+    EXPECT_EQ(bio_sto_clean_feature_info(db, 7, 0, dev_.device_name, 5, 5), 0);
+    bio_sto_disconnect_db(db);
+  }
+  EXPECT_GT(steps[0], 0);
+  EXPECT_LT(steps[1], steps[0] + 20);
 }
 
 TEST_F(Framework, AFailingStatementRollsTheWholeTransactionBack) {
-  ASSERT_EQ(store(1, 0, {20}), 0);
+  ASSERT_EQ(rig.store({1, 0, {20}}), 0);
   sqlite3* db = bio_sto_connect_db();
-  sqlite3_exec(db,
-               "CREATE TRIGGER no BEFORE INSERT ON samples WHEN new.no = 22 "
-               "BEGIN SELECT raise(ABORT, 'slot 22 is cursed'); END",
-               nullptr, nullptr, nullptr);
+  execute(db,
+          "CREATE TRIGGER no BEFORE INSERT ON samples WHEN new.no = 22 "
+          "BEGIN SELECT raise(ABORT, 'slot 22 is cursed'); END");
   bio_sto_disconnect_db(db);
-  EXPECT_EQ(store(1, 0, {21, 22}), -1);
-  EXPECT_NE(storeError().find("slot 22 is cursed"), std::string::npos);
-  EXPECT_EQ(stored(), "1/0:20");
+  EXPECT_EQ(rig.store({1, 0, {25}}, "it's \"mine\"; --"), 0) << "another finger in its place";
+  EXPECT_EQ(rig.store({1, 0, {21, 22}}), -1);
+  EXPECT_THAT(storeError(), HasSubstr("slot 22 is cursed"));
+  EXPECT_THAT(rig.stored(), ElementsAre(Stored{1, 0, {25}}));
 }
 
 TEST_F(Framework, RecordsThatNoSelectionWouldFindAreRefused) {
   for (const auto& [uid, index] : {std::pair{-1, 0}, {1, -1}, {1, INT_MIN}}) {
-    EXPECT_EQ(store(uid, index, {20}), -1);
-    EXPECT_NE(storeError().find("CHECK constraint"), std::string::npos);
+    EXPECT_EQ(rig.store({uid, index, {20}}), -1);
+    EXPECT_THAT(storeError(), HasSubstr("CHECK constraint"));
   }
-  EXPECT_EQ(stored(), "");
+  EXPECT_TRUE(rig.stored().empty());
 }
 
 TEST_F(Framework, FolderAndFileArePrivate) {
-  usePath(folder_ / "a" / "b" / "features.db");
-  ASSERT_EQ(store(1, 0, {20}), 0);
-  EXPECT_EQ(fs::status(folder_ / "a" / "b").permissions(), fs::perms(0700));
-  EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0600));
+  bio_host_set_db_path("a/b/features.db");
+  ASSERT_EQ(rig.store({1, 0, {20}}), 0);
+  EXPECT_EQ(fs::status("a/b").permissions(), fs::perms(0700));
+  EXPECT_EQ(fs::status("a/b/features.db").permissions(), fs::perms(0600));
+  bio_host_set_db_path("a/b/features.db/features.db");
+  EXPECT_EQ(bio_sto_connect_db(), nullptr);
+  EXPECT_THAT(storeError(), HasSubstr("cannot make the folder"));
 }
 
-TEST_F(Framework, ADamagedFileIsRefusedWithItsReasonAndLeftAsItIs) {
-  ASSERT_EQ(store(1, 0, {20}), 0);
-  const std::string sound = bytes();
+TEST_F(Framework, AFileThatIsDamagedForeignOrNewerIsRefusedWithItsReasonAndLeftAsItIs) {
+  const auto made_by = [&](const char* path, const char* sql) {
+    sqlite3* db = nullptr;
+    sqlite3_open(path, &db);
+    execute(db, sql);
+    sqlite3_close(db);
+    return rig.read_file(path);
+  };
+  ASSERT_EQ(rig.store({1, 0, {20}}), 0);
+  const std::string sound = rig.read_file("feature.db");
   std::string page_lost = sound;
   page_lost.replace(4096, 4096, std::string(4096, '\xa5'));
-  const std::string damaged[] = {std::string(5000, 'x'), sound.substr(0, 5000), page_lost};
-  for (const std::string& content : damaged) {
-    std::ofstream(path_, std::ios::binary | std::ios::trunc) << content;
+  const std::pair<std::string, const char*> rows[] = {
+      {std::string(5000, 'x'), "damaged"},
+      {sound.substr(0, 5000), "damaged"},
+      {page_lost, "damaged"},
+      {made_by("foreign.db", "CREATE TABLE songs(a)"), ""},
+      {made_by("alike.db", "CREATE TABLE songs(a); PRAGMA user_version = 1"),
+       "no feature database"},
+      {made_by("newer.db", "PRAGMA user_version = 2"), ""}};
+  for (const auto& [content, reason] : rows) {
+    rig.write_file("feature.db", content);
     EXPECT_EQ(bio_sto_connect_db(), nullptr);
     const std::string error = storeError();
-    EXPECT_NE(error.find(path_.string()), std::string::npos) << error;
-    EXPECT_NE(error.find("damaged"), std::string::npos) << error;
-    EXPECT_EQ(bytes(), content);
-  }
-}
-
-TEST_F(Framework, AFileOfSomethingElseOrOfANewerVersionIsRefused) {
-  for (const char* sql : {"CREATE TABLE songs(a)", "PRAGMA user_version = 2"}) {
-    fs::remove(path_);
-    sqlite3* db = nullptr;
-    sqlite3_open(path_.c_str(), &db);
-    sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
-    sqlite3_close(db);
-    EXPECT_EQ(bio_sto_connect_db(), nullptr) << sql;
-    EXPECT_NE(storeError(), "") << sql;
+    EXPECT_THAT(error, HasSubstr("feature.db"));
+    EXPECT_THAT(error, HasSubstr(reason));
+    EXPECT_EQ(rig.read_file("feature.db"), content);
   }
 }
 
 TEST_F(Framework, ALockedDatabaseIsAnErrorOfEveryCallerAndLosesNothing) {
-  ASSERT_EQ(store(1, 0, {20}), 0);
+  ASSERT_EQ(rig.store({1, 0, {20}}), 0);
   sqlite3* mine = bio_sto_connect_db();
   sqlite3* other = bio_sto_connect_db();
-  ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+  execute(other, "BEGIN EXCLUSIVE");
   EXPECT_EQ(bio_sto_connect_db(), nullptr);
-  EXPECT_NE(storeError().find("another program holds the database"), std::string::npos);
+  EXPECT_THAT(storeError(), HasSubstr("another program holds the database"));
   EXPECT_EQ(bio_sto_get_feature_info(mine, -1, 0, "wrx5300", 0, -1), nullptr);
   EXPECT_NE(storeError(), "");
   EXPECT_EQ(bio_sto_clean_feature_info(mine, -1, 0, "wrx5300", 0, -1), -1);
@@ -213,14 +183,7 @@ TEST_F(Framework, ALockedDatabaseIsAnErrorOfEveryCallerAndLosesNothing) {
   EXPECT_EQ(bio_common_get_empty_index(&dev_, 1, 0, -1), -1);
   bio_sto_disconnect_db(other);
   bio_sto_disconnect_db(mine);
-  EXPECT_EQ(stored(), "1/0:20");
-}
-
-TEST_F(Framework, AFolderThatCannotBeMadeIsNamed) {
-  std::ofstream(folder_ / "file") << "x";
-  usePath(folder_ / "file" / "features.db");
-  EXPECT_EQ(bio_sto_connect_db(), nullptr);
-  EXPECT_NE(storeError().find("cannot make the folder"), std::string::npos);
+  EXPECT_THAT(rig.stored(), ElementsAre(Stored{1, 0, {20}}));
 }
 
 TEST_F(Framework, NoConnectionIsAnErrorAndNotACrash) {
@@ -237,7 +200,7 @@ TEST_F(Framework, NoConnectionIsAnErrorAndNotACrash) {
 
 TEST_F(Framework, TheEmptyIndexIsTheLowestFreeOneOfTheUser) {
   for (const int index : {0, 1, 3})
-    ASSERT_EQ(store(1, index, {20 + index}), 0);
+    ASSERT_EQ(rig.store({1, index, {20 + index}}), 0);
   const struct {
     int uid, start, end, expected;
   } rows[] = {{1, 0, -1, 2}, {1, 3, -1, 4}, {1, 0, 1, -1}, {2, 0, -1, 0}, {1, 3, 3, -1}};
@@ -286,25 +249,22 @@ TEST_F(Framework, WordsCanBeReadWhileAnotherThreadSetsThem) {
 
 TEST(FrameworkConfiguration, OnlyAPlainFalseDisablesADriver) {
   bio_host_set_log_level(3);
-  const struct {
-    const char* text;
-    int enabled;
-  } rows[] = {{"", 1},
-              {"[wrx5300]\n", 1},
-              {"[wrx5300]\nEnable=true\n", 1},
-              {"[wrx5300]\nEnable=false\n", 0},
-              {"[other]\nEnable=false\n", 1},
-              {"[wrx5300]\nEnable=perhaps\n", 1}};
+  const std::pair<const char*, int> rows[] = {{"", 1},
+                                              {"[wrx5300]\nEnable=true\n", 1},
+                                              {"[wrx5300]\nEnable=false\n", 0},
+                                              {"[other]\nEnable=false\n", 1},
+                                              {"[wrx5300]\nEnable=perhaps\n", 1}};
   char name[] = "wrx5300";
   bio_dev dev{};
   dev.device_name = name;
-  for (const auto& row : rows) {
+  for (const auto& [text, enabled] : rows) {
     GKeyFile* conf = g_key_file_new();
-    g_key_file_load_from_data(conf, row.text, static_cast<gsize>(-1), G_KEY_FILE_NONE, nullptr);
-    EXPECT_EQ(bio_dev_is_enable(&dev, conf), row.enabled) << row.text;
+    g_key_file_load_from_data(conf, text, static_cast<gsize>(-1), G_KEY_FILE_NONE, nullptr);
+    EXPECT_EQ(bio_dev_is_enable(&dev, conf), enabled) << text;
     g_key_file_free(conf);
   }
   bio_host_set_log_level(2);
 }
 
 }  // namespace
+}  // namespace wrx_test

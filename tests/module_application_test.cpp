@@ -4,7 +4,7 @@
 #include "support/module_host.h"
 
 using namespace wrx_module;
-using wrx_test::Bytes;
+using wrx_test::Bytes, wrx_test::packet, wrx_test::operator+;
 using ModuleApplication = wrx_test::ModuleHost;
 
 namespace {
@@ -15,11 +15,7 @@ TEST_F(ModuleApplication, CommandsAnswerAsTheModuleDoes) {
   Bytes index(33);
   index[1 + 21 / 8] = 1 << 21 % 8;
   const std::string version = "acm32_btl_zelta_pc_000100";
-  Bytes version_answer = {0};
-  version_answer.insert(version_answer.end(), version.begin(), version.end());
-  Bytes serial = {0};
-  serial.insert(serial.end(), device.settings().identity.serial.begin(),
-                device.settings().identity.serial.end());
+  const Bytes good = {0}, version_text(version.begin(), version.end());
   const struct {
     Bytes command, answer;
   } rows[] = {
@@ -29,8 +25,8 @@ TEST_F(ModuleApplication, CommandsAnswerAsTheModuleDoes) {
       {{31, 3}, Bytes(33)},
       {{31, 4}, {11}},
       {{15}, {0, 0, 2, 1, 0, 0, 3, 0xFF, 0xFF, 0xFF, 0xFF}},
-      {{52}, serial},
-      {{175, 16}, version_answer},
+      {{52}, good + device.settings().identity.serial},
+      {{175, 16}, good + version_text},
       {{175, 189, 'T', 'E', 'S', 'T'}, {0}},
       {{175, 189, 'T', 'O', 'S', 'T'}, {27}},
       {{175, 17}, {19}},
@@ -55,16 +51,16 @@ TEST_F(ModuleApplication, CommandsAnswerAsTheModuleDoes) {
 }
 
 TEST_F(ModuleApplication, BadPacketsAndAddressesAreRefused) {
-  Bytes packet = framed({53});
-  packet.back() ^= 1;
-  send(packet);
+  Bytes handshake = packet({53}, 1);
+  handshake.back() ^= 1;
+  send(handshake);
   EXPECT_EQ(read(), (Bytes{0xEF, 1, 0xFF, 0xFF, 0xFF, 0xFF, 7, 0, 3, 1, 0, 11}));
-  packet = framed({53});
-  packet[2] = 0x12;
-  send(packet);
+  handshake = packet({53}, 1);
+  handshake[2] = 0x12;
+  send(handshake);
   EXPECT_EQ(read()[9], 32);
   EXPECT_EQ(ask({21, 0x12, 0xFF, 0xFF, 0xFF}), Bytes{0});
-  send(packet);
+  send(handshake);
   EXPECT_EQ(read()[9], 0);
   play("refuse 12 16 x1");
   EXPECT_EQ(ask({12, 0, 1, 0, 1})[0], 16);
@@ -103,67 +99,6 @@ TEST_F(ModuleApplication, AReadWithNothingToSayTimesOutOrIsEmpty) {
   play("set response-delay 10ms");
   EXPECT_EQ(ask({53}), Bytes{0});
   EXPECT_EQ(clock.now_ms(), 1010) << "a waiting read is answered when the answer is ready";
-}
-
-// The last stage byte of the reports in a read; 0xFF without one.
-uint8_t last_stage(const Bytes& reports) {
-  uint8_t stage = 0xFF;
-  for (size_t at = 0; at + 11 < reports.size(); at += 9U + reports[at + 8]) {
-    stage = reports[at + 10];
-  }
-  return stage;
-}
-
-// As a driver does it: read, and sleep unless what it waits for was in the read.
-TEST_F(ModuleApplication, ProceduresTakeThePassesTheirBatchingImplies) {
-  const auto passes = [this](const Bytes& command, size_t wanted, Bytes stages, int64_t pause_us) {
-    const int64_t start = clock.now_ms();
-    send(framed(command));
-    clock.sleep_us(20'000);
-    EXPECT_EQ(last_stage(read()), 0);
-    for (size_t found = 0; found < wanted;) {
-      const uint8_t stage = last_stage(read(128));
-      const bool good = std::find(stages.begin(), stages.end(), stage) != stages.end();
-      found += good ? 1 : 0;
-      if (!good) clock.sleep_us(pause_us);
-    }
-    return clock.now_ms() - start;
-  };
-  const struct {
-    const char* settings;
-    int64_t identify_ms, enrol_ms;
-  } rows[] = {{"set batch report", 40, 800},
-              {"set batch step", 20, 20},
-              {"set batch report; set capture-report off", 20, 800}};
-  for (const auto& row : rows) {
-    play(row.settings);
-    play("press thumb x13");
-    device.memory().templates.clear();
-    EXPECT_EQ(passes({50, 3, 0xFF, 0xFF, 0, 1}, 1, {0xF5}, 20'000), row.identify_ms);
-    EXPECT_EQ(passes({49, 0, 20, 12, 0, 0}, 13, {3, 6}, 30'000), row.enrol_ms) << row.settings;
-    EXPECT_EQ(device.memory().templates[20], "thumb");
-  }
-}
-
-TEST_F(ModuleApplication, OnlyTwelveGoodPressesOfOneFingerEnrol) {
-  play(
-      "set batch all; press thumb; press index; press smudged; press thumb rejected;"
-      "press dry; press thumb x10");
-  EXPECT_EQ(ask({49, 0, 20, 12, 0, 0}, 13), (Bytes{0, 0}));
-  EXPECT_TRUE(device.memory().templates.empty());
-  EXPECT_TRUE(device.enrolling());
-  play("press thumb");
-  EXPECT_FALSE(device.enrolling());
-  EXPECT_EQ(device.memory().templates[20], "thumb");
-  // verdicts of the presses 1, 2 (four bad ones asked for again), 2
-  const Bytes reports = read(14 * 18);
-  const uint8_t verdicts[] = {0, 8, 49, 3, 4, 0};
-  for (size_t press = 0; press < std::size(verdicts); ++press) {
-    const size_t at = press * 42 + 28 + 9;
-    EXPECT_EQ(reports[at], verdicts[press]) << press;
-    EXPECT_EQ(reports[at + 1], 3);
-    EXPECT_EQ(reports[at + 2], press == 0 ? 1 : 2);
-  }
 }
 
 TEST_F(ModuleApplication, FingersMatchThemselvesInEitherForm) {

@@ -83,27 +83,6 @@ TEST_F(ModuleBootloader, PowerBringsUpWhatTheFlashHolds) {
   EXPECT_EQ(out(0x04, {0xAA}), LIBUSB_ERROR_NO_DEVICE) << "the old handle is dead";
 }
 
-TEST_F(ModuleBootloader, MisbehaviourIsASetting) {
-  using Kind = BootQuirk::Kind;
-  into_bootloader();
-  const struct {
-    Kind kind;
-    Bytes frame;
-  } rows[] = {
-      {Kind::status, {0xAA, 0xD3, 1, 0, 9, 0x24, 0x55}},
-      {Kind::wrong_type, {0xAA, 9, 1, 0, 0, 0xF7, 0x55}},
-      {Kind::two_bytes, {0xAA, 0xD3, 2, 0, 0, 0, 0x2E, 0x55}},
-      {Kind::cut_short, {0xAA, 0xD3, 1, 0, 0}},
-      {Kind::garbage_first, {0, 0x55, 0x13, 0xAA, 0xD3, 1, 0, 0, 0x2D, 0x55}},
-      {Kind::silent, {}},
-  };
-  for (const auto& row : rows) {
-    device.settings().bootloader.quirks = {{kErase, 0, row.kind, 9}};
-    out(0x04, {0xAA, kErase, 0, 0, 0x2C, 0x55});
-    EXPECT_EQ(in(0x84, 64), row.frame) << static_cast<int>(row.kind);
-  }
-}
-
 TEST(ModuleMemory, TheImageNamesItsVersion) {
   for (const uint32_t version : {0U, 123U, 999999U}) {
     EXPECT_EQ(version_in_image(factory_memory(version).flash), version);

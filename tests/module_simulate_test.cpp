@@ -11,6 +11,7 @@
 
 #include "module/clock.h"
 #include "module/simulate.h"
+#include "module/storage.h"
 #include "module/usb_front_end.h"
 
 namespace {
@@ -40,23 +41,23 @@ class ModuleSimulate : public testing::Test {
   char error[200] = "";
 };
 
-TEST_F(ModuleSimulate, WhatTheModuleKeepsOutlivesTheRun) {
-  ASSERT_EQ(start("set version 77; press thumb x3"), 0) << error;
+TEST_F(ModuleSimulate, OnlyOneModuleRunsAndItsHandlesDieWithIt) {
+  ASSERT_EQ(start("press thumb x3"), 0) << error;
   EXPECT_EQ(start(nullptr), -1);
   EXPECT_STREQ(error, "a module is running already");
+  std::string why;
+  EXPECT_FALSE(wrx_module::MemoryLock().take(file, why));
+  EXPECT_EQ(why, file + ": another program has this module");
   EXPECT_NE(report().find("\"presses_left\":3"), std::string::npos) << report();
+  char little[9] = "";
+  EXPECT_GT(wrx_simulate_report(little, sizeof little), 100);
+  EXPECT_EQ(std::string(little), report().substr(0, 8));
   libusb_device_handle* handle = libusb_open_device_with_vid_pid(nullptr, 0x4d2e, 0x5300);
-  EXPECT_NE(handle, nullptr);
   ASSERT_EQ(wrx_simulate_finish(error, sizeof error), 0) << error;
   unsigned char byte = 0;
   EXPECT_EQ(libusb_bulk_transfer(handle, 1, &byte, 1, nullptr, 0), LIBUSB_ERROR_NO_DEVICE);
   libusb_close(handle);
   EXPECT_EQ(report(), "");
-  ASSERT_EQ(start(nullptr), 0) << error;
-  EXPECT_NE(report().find("\"version\":77"), std::string::npos) << report();
-  char little[9] = "";
-  EXPECT_GT(wrx_simulate_report(little, sizeof little), 100);
-  EXPECT_EQ(std::string(little), report().substr(0, 8));
 }
 
 TEST_F(ModuleSimulate, AMistakeStartsNothingAndADamagedFileStays) {

@@ -2,6 +2,8 @@
 // The module-side procedures and their records, called directly.
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "fp_device_param.h"
 #include "operations/module_procedures.h"
 #include "operations/operations.h"
@@ -12,7 +14,14 @@
 namespace wrx_test {
 namespace {
 
-TEST(Procedures, AnEnrolmentResetKeepsTheLastPress) {
+TEST(Procedures, ResetsKeepTheLastPressAndAllSlotsButTwo) {
+  FP_AUTOIDENTIFY_PARAM_STRUCT& identify = fp_device_param.auto_identify_param;
+  std::fill(std::begin(identify.search_id), std::end(identify.search_id), uint16_t{5});
+  identify.search_num = 3;
+  EXPECT_EQ(fp_auto_identify_param_init(&identify, 3, 0xFFFF, 1), 0);
+  EXPECT_EQ(identify.search_id[0] & identify.search_id[1], 0xFFFF);
+  EXPECT_EQ(identify.search_id[2], 5);
+  EXPECT_EQ(identify.search_num, 0);
   FP_AUTOENROLL_PARAM_STRUCT& enroll = fp_device_param.auto_enroll_param;
   for (auto* results :
        {&enroll.capture_result, &enroll.create_feature_result, &enroll.enroll_result}) {
@@ -29,27 +38,9 @@ TEST(Procedures, AnEnrolmentResetKeepsTheLastPress) {
   EXPECT_EQ(fp_get_enroll_result(15), 7);
   EXPECT_EQ(fp_get_current_enroll_time() + fp_get_enroll_finish_flag(), 0);
   EXPECT_EQ(fp_get_store_template_result(), 0xFF);
-}
-
-TEST(Procedures, APressBeyondTheRecordHasNoResult) {
-  Recorder trace;
+  // A press beyond the record has no result.
   EXPECT_EQ(fp_get_enroll_create_feature_result(16), 0xFF);
   EXPECT_EQ(fp_get_enroll_result(255), 0xFF);
-  EXPECT_EQ(trace.lines(), (std::vector<std::string>{
-                               "[operations:#:fp_get_enroll_create_feature_result] "
-                               "enroll_time = 16, error!!!\\r",
-                               "[operations:#:fp_get_enroll_result] enroll_time = 255, error!!!\\r",
-                           }));
-}
-
-TEST(Procedures, AnIdentificationResetClearsTwoSlotsOnly) {
-  FP_AUTOIDENTIFY_PARAM_STRUCT& identify = fp_device_param.auto_identify_param;
-  std::fill(std::begin(identify.search_id), std::end(identify.search_id), uint16_t{5});
-  identify.search_num = 3;
-  EXPECT_EQ(fp_auto_identify_param_init(&identify, 3, 0xFFFF, 1), 0);
-  EXPECT_EQ(identify.search_id[0] & identify.search_id[1], 0xFFFF);
-  EXPECT_EQ(identify.search_id[2], 5);
-  EXPECT_EQ(identify.search_num, 0);
 }
 
 TEST(Procedures, NullRecordsAreRefused) {
@@ -113,6 +104,75 @@ TEST(Procedures, CountingAndCheckingLookAtTheUserAlone) {
   rig.play("press thumb x2");
   EXPECT_EQ(check_finger_is_enrolled(&rig.dev, 1000, 8, 0), -1);
   EXPECT_EQ(check_finger_is_enrolled(&rig.dev, 1000, 7, 0), 0);
+}
+
+// ---- the module's template slots: which one is chosen, which are erased
+
+std::vector<int> range(int first, int last) {
+  std::vector<int> slots;
+  for (int slot = first; slot <= last; ++slot)
+    slots.push_back(slot);
+  return slots;
+}
+
+class Slots : public testing::Test {
+ protected:
+  Slots() { rig.ready(); }
+  void occupy(const std::vector<int>& slots) {
+    rig.device.memory().templates.clear();
+    for (const int slot : slots)
+      rig.device.memory().templates[static_cast<uint16_t>(slot)] = "f";
+  }
+  Rig rig;
+};
+
+TEST_F(Slots, TheLowestFreeOneOfTwentyIsChosen) {
+  const std::pair<std::vector<int>, int> rows[] = {
+      {{}, 20},           {{20}, 21},     {range(20, 38), 39},
+      {range(0, 31), 32}, {{20, 22}, 21}, {range(20, 39), 65535},
+      {{21, 22, 40}, 20},
+  };
+  for (const auto& [occupied, chosen] : rows) {
+    occupy(occupied);
+    EXPECT_EQ(fp_get_empty_enroll_id(), chosen);
+  }
+}
+
+TEST_F(Slots, OccupiedOnesThatNobodyNamesAreErasedInTheirRange) {
+  for (int named = 20; named < 40; ++named) {
+    occupy({0, 5, 19, 20, 25, 31, 32, 39, 40, 45, 255});
+    std::array<uint8_t, 128> list{};
+    list[static_cast<size_t>(named / 8)] = static_cast<uint8_t>(1U << named % 8);
+    EXPECT_EQ(fp_delete_invalid_template(list.data()), 0);
+    std::vector<int> left = {0, 5, 19, 40, 45, 255};
+    if (named == 20 || named == 25 || named == 31 || named == 32 || named == 39) {
+      left.insert(left.begin() + 3, named);
+    }
+    EXPECT_EQ(rig.slots(), left);
+  }
+}
+
+TEST_F(Slots, OneThatCannotBeErasedKeepsNoneBehindItFromIt) {
+  occupy({21, 22, 23});
+  rig.play("refuse 12 27 x1");
+  const std::array<uint8_t, 128> list{};
+  EXPECT_EQ(fp_delete_invalid_template(list.data()), 0);
+  EXPECT_EQ(rig.slots(), std::vector{21});
+  EXPECT_EQ(rig.device.commands().back().params, (std::vector<uint8_t>{0, 23, 0, 1}));
+}
+
+TEST_F(Slots, NothingIsChosenOrErasedWithoutAListOrAnIndexTable) {
+  occupy({25});
+  EXPECT_EQ(fp_delete_invalid_template(nullptr), -1);
+  EXPECT_TRUE(rig.trace.saw("fp_delete_invalid_template] index_list = NULL, error!!!"));
+  for (const char* script : {"refuse 31 27", "set response-delay 3600s"}) {
+    rig.play(script);
+    const std::array<uint8_t, 128> list{};
+    EXPECT_EQ(fp_delete_invalid_template(list.data()), 0);
+    EXPECT_EQ(fp_get_empty_enroll_id(), 65535);
+    EXPECT_EQ(rig.slots(), std::vector{25});
+    rig.device.settings().refuse.clear();
+  }
 }
 
 }  // namespace

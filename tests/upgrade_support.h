@@ -47,9 +47,9 @@ inline void break_firmware(Rig& rig) {
   rig.device.power_cycle();
 }
 
-/// "UpgradeFlag" as the file has it now.
-inline int budget_in_file(Rig& rig) {
-  const std::string text = rig.read_file(kExtraConfigFile);
+/// "UpgradeFlag" as the file below `folder` has it now.
+inline int budget_in_file(Rig& rig, const std::string& folder = "") {
+  const std::string text = rig.read_file(folder + kExtraConfigFile);
   const size_t at = text.find("UpgradeFlag=");
   return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + 12);
 }

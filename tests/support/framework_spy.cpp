@@ -2,12 +2,14 @@
 // The framework's functions in front of the stand-in framework: each call becomes a line of the
 // trace and is handed on. The driver in the test programs finds these first.
 #include <dlfcn.h>
+#include <fmt/ranges.h>
 #include <libbiometric.h>
 
 #include <array>
 #include <cstdarg>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "support/recorder.h"
 
@@ -42,8 +44,8 @@ std::map<const sqlite3*, int> connections;
 int connections_made = 0;
 
 std::string selection(int uid, int biotype, const char* driver, int start, int end) {
-  return " uid=" + std::to_string(uid) + " biotype=" + std::to_string(biotype) +
-         " driver=" + quoted(driver) + " " + std::to_string(start) + ".." + std::to_string(end);
+  return fmt::format(" uid={} biotype={} driver={} {}..{}", uid, biotype, quoted(driver), start,
+                     end);
 }
 
 std::string formatted(const char* format, va_list arguments) {
@@ -74,13 +76,13 @@ int bio_get_empty_driver_id(void) {
 
 int bio_dev_is_enable(bio_dev* dev, GKeyFile* conf) {
   const int enabled = NEXT(bio_dev_is_enable)(dev, conf);
-  note("bio_dev_is_enable = " + std::to_string(enabled));
+  note(fmt::format("bio_dev_is_enable = {}", enabled));
   return enabled;
 }
 
 int bio_get_ops_timeout_ms(void) {
   const int timeout = NEXT(bio_get_ops_timeout_ms)();
-  note("bio_get_ops_timeout_ms = " + std::to_string(timeout));
+  note(fmt::format("bio_get_ops_timeout_ms = {}", timeout));
   return timeout;
 }
 
@@ -97,8 +99,7 @@ SPY_ON_SETTER(bio_set_notify_mid)
 SPY_ON_SETTER(bio_set_notify_abs_mid)
 
 void bio_process_changed(bio_dev* dev, const char* opsname, int percent, const char* message) {
-  note("bio_process_changed " + quoted(opsname) + " " + std::to_string(percent) + " " +
-       quoted(message));
+  note(fmt::format("bio_process_changed {} {} {}", quoted(opsname), percent, quoted(message)));
   NEXT(bio_process_changed)(dev, opsname, percent, message);
 }
 
@@ -108,8 +109,7 @@ int bio_common_get_empty_index(bio_dev* dev, int uid, int start, int end) {
     const wrx_test::Unrecorded its_own_calls;
     index = NEXT(bio_common_get_empty_index)(dev, uid, start, end);
   }
-  note("bio_common_get_empty_index uid=" + std::to_string(uid) + " " + std::to_string(start) +
-       ".." + std::to_string(end) + " = " + std::to_string(index));
+  note(fmt::format("bio_common_get_empty_index uid={} {}..{} = {}", uid, start, end, index));
   return index;
 }
 
@@ -119,7 +119,7 @@ sqlite3* bio_sto_connect_db(void) {
     note("bio_sto_connect_db = none");
   } else if (!quiet) {
     connections[db] = ++connections_made;
-    note("bio_sto_connect_db = #" + std::to_string(connections_made));
+    note(fmt::format("bio_sto_connect_db = #{}", connections_made));
   }
   return db;
 }
@@ -134,28 +134,26 @@ void bio_sto_disconnect_db(sqlite3* db) {
 feature_info* bio_sto_get_feature_info(sqlite3* db, int uid, int biotype, const char* driver,
                                        int start, int end) {
   feature_info* list = NEXT(bio_sto_get_feature_info)(db, uid, biotype, driver, start, end);
-  note(std::string("bio_sto_get_feature_info db=") + (db != nullptr ? "open" : "none") +
-       selection(uid, biotype, driver, start, end) + " = " + std::to_string(list_length(list)));
+  note(fmt::format("bio_sto_get_feature_info db={}{} = {}", db != nullptr ? "open" : "none",
+                   selection(uid, biotype, driver, start, end), list_length(list)));
   return list;
 }
 
 int bio_sto_set_feature_info(sqlite3* db, feature_info* info) {
   const int result = NEXT(bio_sto_set_feature_info)(db, info);
-  std::string text = "bio_sto_set_feature_info uid=" + std::to_string(info->uid) +
-                     " index=" + std::to_string(info->index) + " name=" + quoted(info->index_name) +
-                     " no=";
-  for (const feature_sample* sample = info->sample; sample != nullptr; sample = sample->next) {
-    text += std::to_string(sample->no) + (sample->next != nullptr ? "," : "");
-  }
-  note(text + " = " + std::to_string(result));
+  std::vector<int> slots;
+  for (const feature_sample* sample = info->sample; sample != nullptr; sample = sample->next)
+    slots.push_back(sample->no);
+  note(fmt::format("bio_sto_set_feature_info uid={} index={} name={} no={} = {}", info->uid,
+                   info->index, quoted(info->index_name), fmt::join(slots, ","), result));
   return result;
 }
 
 int bio_sto_clean_feature_info(sqlite3* db, int uid, int biotype, const char* driver, int start,
                                int end) {
   const int result = NEXT(bio_sto_clean_feature_info)(db, uid, biotype, driver, start, end);
-  note("bio_sto_clean_feature_info" + selection(uid, biotype, driver, start, end) + " = " +
-       std::to_string(result));
+  note(fmt::format("bio_sto_clean_feature_info{} = {}", selection(uid, biotype, driver, start, end),
+                   result));
   return result;
 }
 
@@ -165,21 +163,17 @@ void bio_sto_free_feature_info_list(feature_info* info) {
 }
 
 void print_feature_info(feature_info* info) {
-  note("print_feature_info " + std::to_string(list_length(info)));
+  note(fmt::format("print_feature_info {}", list_length(info)));
 }
 
-void bio_print_debug(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  note("bio_print_debug " + formatted(format, arguments));
-  va_end(arguments);
-}
-
-void bio_print_info(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  note("bio_print_info " + formatted(format, arguments));
-  va_end(arguments);
-}
+#define SPY_ON_PRINTER(printer)                        \
+  void printer(const char* format, ...) {              \
+    va_list arguments;                                 \
+    va_start(arguments, format);                       \
+    note(#printer " " + formatted(format, arguments)); \
+    va_end(arguments);                                 \
+  }
+SPY_ON_PRINTER(bio_print_debug)
+SPY_ON_PRINTER(bio_print_info)
 
 }  // extern "C"

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 //
 // A host for the tests of the simulated module itself: libusb's calls against a bench in virtual
-// time, with framing of its own (the sums are written out by hand, not taken from either side).
+// time.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,11 +13,10 @@
 #include "module/bus.h"
 #include "module/script.h"
 #include "module/usb_front_end.h"
+#include "support/bytes.h"
 #include "support/virtual_clock.h"
 
 namespace wrx_test {
-
-using Bytes = std::vector<uint8_t>;
 
 class ModuleHost : public testing::Test {
  protected:
@@ -58,33 +56,15 @@ class ModuleHost : public testing::Test {
     return data;
   }
   static Bytes block(uint8_t direction, size_t n) {
-    return {'U',
-            'S',
-            'B',
-            'C',
-            direction,
-            static_cast<uint8_t>(n),
-            static_cast<uint8_t>(n >> 8),
-            static_cast<uint8_t>(n >> 16)};
-  }
-  static Bytes framed(const Bytes& payload) {
-    const size_t n = payload.size() + 2;
-    Bytes p(9 + payload.size(), 0xFF);
-    p[0] = 0xEF;
-    p[1] = p[6] = 1;
-    p[7] = static_cast<uint8_t>(n >> 8);
-    p[8] = static_cast<uint8_t>(n);
-    std::copy(payload.begin(), payload.end(), p.begin() + 9);
-    unsigned sum = 0;
-    for (size_t i = 6; i < p.size(); ++i)
-      sum += p[i];
-    p.insert(p.end(), {static_cast<uint8_t>(sum >> 8), static_cast<uint8_t>(sum)});
-    return p;
+    Bytes block = {'U', 'S', 'B', 'C', direction, 0, 0, 0};
+    for (size_t i = 0; i < 3; ++i)
+      block[5 + i] = static_cast<uint8_t>(n >> 8 * i);
+    return block;
   }
   /// A whole exchange out: block, payload, acknowledgement.
-  void send(const Bytes& packet) {
-    ASSERT_EQ(out(0x01, block(0x00, packet.size())), 0);
-    ASSERT_EQ(out(0x01, packet), 0);
+  void send(const Bytes& bytes) {
+    ASSERT_EQ(out(0x01, block(0x00, bytes.size())), 0);
+    ASSERT_EQ(out(0x01, bytes), 0);
     ASSERT_EQ(in(0x81, 4), (Bytes{'U', 'S', 'B', 'S'}));
   }
   /// A whole exchange in: block, payload, acknowledgement if the payload came.
@@ -98,7 +78,7 @@ class ModuleHost : public testing::Test {
   }
   /// The payload of the one packet that answers a command.
   Bytes ask(const Bytes& command, size_t max = 64) {
-    send(framed(command));
+    send(packet(command, 1));
     const Bytes p = read(max);
     return p.size() < 11 ? Bytes{} : Bytes(p.begin() + 9, p.end() - 2);
   }
@@ -116,7 +96,7 @@ class ModuleHost : public testing::Test {
     return a.size() < 6 ? Bytes{} : Bytes(a.begin() + 4, a.end() - 2);
   }
   void into_bootloader() {
-    send(framed({0xFF, 0xC3, 0x3C, 0x96, 0x69, 0x4B, 0x52, 0x54, 0x4D}));
+    send(packet({0xFF, 0xC3, 0x3C, 0x96, 0x69, 0x4B, 0x52, 0x54, 0x4D}, 1));
     clock.sleep_us(540'000);
     open(0x1234, 0xabce);
     ASSERT_NE(handle, nullptr);

@@ -94,7 +94,7 @@ void Recorder::finish_open_line() {
 void Recorder::note(const std::string& text) {
   const std::lock_guard lock(mutex_);
   finish_open_line();
-  lines_.push_back("@ t=" + std::to_string(now_ms()) + " " + text);
+  lines_.push_back("@ t=" + std::to_string(now_ms()) + " " + settled(text));
 }
 
 void Recorder::usb(const wrx_module::TraceRecord& record) {
@@ -136,20 +136,12 @@ void Recorder::clear() {
 std::string quoted(const char* text) {
   std::string result = "\"";
   for (const char* c = text; *c != '\0'; ++c) {
-    switch (*c) {
-      case '\n':
-        result += "\\n";
-        break;
-      case '\r':
-        result += "\\r";
-        break;
-      case '"':
-      case '\\':
-        result += '\\';
-        [[fallthrough]];
-      default:
-        result += *c;
+    if (*c == '\n' || *c == '\r') {
+      result += *c == '\n' ? "\\n" : "\\r";
+      continue;
     }
+    if (*c == '"' || *c == '\\') result += '\\';
+    result += *c;
   }
   return result + "\"";
 }
@@ -162,22 +154,16 @@ std::string golden_difference(const std::string& name, const std::vector<std::st
       out << line << '\n';
     return out ? "" : "cannot write " + path;
   }
+  std::vector<std::string> expected;
   std::ifstream in(path);
-  if (!in) return "cannot read " + path;
-  std::string expected;
-  size_t number = 0;
-  while (std::getline(in, expected)) {
-    if (number >= lines.size()) {
-      return path + ":" + std::to_string(number + 1) + ": the trace ends before\n  " + expected;
-    }
-    if (lines[number] != expected) {
-      return path + ":" + std::to_string(number + 1) + ": expected\n  " + expected + "\ngot\n  " +
-             lines[number];
-    }
-    ++number;
-  }
-  if (number < lines.size()) return path + ": the trace goes on with\n  " + lines[number];
-  return "";
+  for (std::string line; std::getline(in, line);)
+    expected.push_back(line);
+  const auto [got, wanted] =
+      std::mismatch(lines.begin(), lines.end(), expected.begin(), expected.end());
+  if (got == lines.end() && wanted == expected.end()) return "";
+  return path + ":" + std::to_string(got - lines.begin() + 1) + ": expected\n  " +
+         (wanted == expected.end() ? "no more" : *wanted) + "\ngot\n  " +
+         (got == lines.end() ? "no more" : *got);
 }
 
 }  // namespace wrx_test

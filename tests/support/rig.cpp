@@ -2,6 +2,7 @@
 // The rig: setting up and taking down the world around the driver.
 #include "support/rig.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 #include "frame/driver.h"
 #include "log.h"
@@ -51,27 +53,17 @@ std::string enter_scratch_folder() {
   return folder;
 }
 
-std::vector<Stored> in_few_words(const feature_info* list) {
-  std::vector<Stored> result;
-  for (; list != nullptr; list = list->next) {
-    Stored stored = {list->uid, list->index, {}};
-    for (const feature_sample* s = list->sample; s != nullptr; s = s->next) {
-      stored.slots.push_back(s->no);
-    }
-    result.push_back(stored);
-  }
-  return result;
-}
-
+// A list of the framework's in few words; it is freed.
 std::vector<Stored> take(feature_info* list) {
   const Unrecorded bench;
-  std::vector<Stored> result = in_few_words(list);
+  std::vector<Stored> result;
+  for (const feature_info* info = list; info != nullptr; info = info->next) {
+    result.push_back({info->uid, info->index, {}});
+    for (const feature_sample* s = info->sample; s != nullptr; s = s->next)
+      result.back().slots.push_back(s->no);
+  }
   bio_sto_free_feature_info_list(list);
   return result;
-}
-
-std::string range(int start, int end) {
-  return " " + std::to_string(start) + ".." + std::to_string(end);
 }
 
 }  // namespace
@@ -93,7 +85,7 @@ Rig::Rig(wrx_module::Settings settings)
   bio_host_set_ops_timeout_ms(5000);
   extra_config("");
   host_config("");
-  clock.on_sleep = [this](int64_t us) { trace.note("sleep " + std::to_string(us / 1000)); };
+  clock.on_sleep = [this](int64_t us) { trace.note(fmt::format("sleep {}", us / 1000)); };
 }
 
 Rig::~Rig() {
@@ -123,6 +115,13 @@ bool Rig::file_exists(const std::string& path) {
   return fs::exists(path);
 }
 
+void Rig::show_file(const std::string& path) {
+  trace.note("file /" + path);
+  std::istringstream text(read_file(path));
+  for (std::string line; std::getline(text, line);)
+    trace.note("  | " + quoted((line + "\n").c_str()));
+}
+
 void Rig::extra_config(const std::string& keys) {
   write_file(kExtraConfig, "[BASIC_PARAM]\n" + keys);
 }
@@ -136,10 +135,10 @@ void Rig::install_firmware(const std::string& name, const std::string& image) {
   write_file("etc/wrx6600/extra/" + name + ".bin", image);
 }
 
-void Rig::store(const Stored& feature) {
+int Rig::store(const Stored& feature, const char* name) {
   const Unrecorded bench;
   feature_info* info =
-      bio_sto_new_feature_info(feature.uid, BioT_FingerPrint, "wrx5300", feature.index, "finger");
+      bio_sto_new_feature_info(feature.uid, BioT_FingerPrint, "wrx5300", feature.index, name);
   feature_sample** tail = &info->sample;
   for (const int slot : feature.slots) {
     *tail = bio_sto_new_feature_sample(-1, "");
@@ -147,15 +146,16 @@ void Rig::store(const Stored& feature) {
     tail = &(*tail)->next;
   }
   sqlite3* db = bio_sto_connect_db();
-  bio_sto_set_feature_info(db, info);
+  const int result = bio_sto_set_feature_info(db, info);
   bio_sto_disconnect_db(db);
   bio_sto_free_feature_info_list(info);
+  return result;
 }
 
-std::vector<Stored> Rig::stored() {
+std::vector<Stored> Rig::stored(int uid, int start, int end) {
   const Unrecorded bench;
   sqlite3* db = bio_sto_connect_db();
-  feature_info* list = bio_sto_get_feature_info(db, -1, BioT_FingerPrint, "wrx5300", 0, -1);
+  feature_info* list = bio_sto_get_feature_info(db, uid, BioT_FingerPrint, "wrx5300", start, end);
   bio_sto_disconnect_db(db);
   return take(list);
 }
@@ -190,16 +190,15 @@ std::vector<int> Rig::asked() {
 
 void Rig::stop_at(int64_t at_ms, int waiting_ms) {
   clock.at(clock.now_us() + at_ms * 1000, [this, waiting_ms] {
-    trace.note("begin ops_stop_by_user " + std::to_string(waiting_ms));
-    const int result = dev.ops_stop_by_user(&dev, waiting_ms);
-    trace.note("step ops_stop_by_user result=" + std::to_string(result));
+    step(fmt::format("ops_stop_by_user {}", waiting_ms),
+         [&] { return dev.ops_stop_by_user(&dev, waiting_ms); });
   });
 }
 
 int Rig::step(const std::string& name, const std::function<int()>& call) {
   trace.note("begin " + name);
   const int result = call();
-  trace.note("step " + name.substr(0, name.find(' ')) + " result=" + std::to_string(result));
+  trace.note(fmt::format("step {} result={}", name.substr(0, name.find(' ')), result));
   return result;
 }
 
@@ -243,38 +242,37 @@ void Rig::close() {
 
 int Rig::enroll(int uid, int index, const char* name) {
   std::string finger = name;
-  return step("ops_enroll " + std::to_string(uid) + " " + std::to_string(index) + " " + finger,
+  return step(fmt::format("ops_enroll {} {} {}", uid, index, finger),
               [&] { return dev.ops_enroll(&dev, ACTION_START, uid, index, finger.data()); });
 }
 
 int Rig::verify(int uid, int index) {
-  return step("ops_verify " + std::to_string(uid) + " " + std::to_string(index),
+  return step(fmt::format("ops_verify {} {}", uid, index),
               [&] { return dev.ops_verify(&dev, ACTION_START, uid, index); });
 }
 
 int Rig::identify(int uid, int start, int end) {
-  return step("ops_identify " + std::to_string(uid) + range(start, end),
+  return step(fmt::format("ops_identify {} {}..{}", uid, start, end),
               [&] { return dev.ops_identify(&dev, ACTION_START, uid, start, end); });
 }
 
-std::vector<Stored> Rig::search(int uid, int start, int end) {
-  std::vector<Stored> found;
-  step("ops_search " + std::to_string(uid) + range(start, end), [&] {
-    found = take(dev.ops_search(&dev, ACTION_START, uid, start, end));
-    return static_cast<int>(found.size());
-  });
-  return found;
-}
-
 int Rig::clean(int uid, int start, int end) {
-  return step("ops_clean " + std::to_string(uid) + range(start, end),
+  return step(fmt::format("ops_clean {} {}..{}", uid, start, end),
               [&] { return dev.ops_clean(&dev, ACTION_START, uid, start, end); });
 }
 
+std::vector<Stored> Rig::search(int uid, int start, int end) {
+  return listed("ops_search", dev.ops_search, uid, start, end);
+}
+
 std::vector<Stored> Rig::list(int uid, int start, int end) {
+  return listed("ops_get_feature_list", dev.ops_get_feature_list, uid, start, end);
+}
+
+std::vector<Stored> Rig::listed(const char* name, Lister call, int uid, int start, int end) {
   std::vector<Stored> found;
-  step("ops_get_feature_list " + std::to_string(uid) + range(start, end), [&] {
-    found = take(dev.ops_get_feature_list(&dev, ACTION_START, uid, start, end));
+  step(fmt::format("{} {} {}..{}", name, uid, start, end), [&] {
+    found = take(call(&dev, ACTION_START, uid, start, end));
     return static_cast<int>(found.size());
   });
   return found;

@@ -47,15 +47,17 @@ class Rig {
   void write_file(const std::string& path, const std::string& content);
   std::string read_file(const std::string& path);
   bool file_exists(const std::string& path);
+  /// Makes a file's lines part of the trace.
+  void show_file(const std::string& path);
   /// Content of the two configuration files' groups, for the next start.
   void extra_config(const std::string& keys);
   void host_config(const std::string& keys);
   /// Installs an image under `name` and selects it.
   void install_firmware(const std::string& name, const std::string& image);
-  /// Puts a feature into the database.
-  void store(const Stored& feature);
-  /// What the database holds.
-  std::vector<Stored> stored();
+  /// Puts a feature into the database; the framework's answer.
+  int store(const Stored& feature, const char* name = "finger");
+  /// What the database holds of a selection.
+  std::vector<Stored> stored(int uid = -1, int start = 0, int end = -1);
   /// Runs a script of the module's language.
   void play(const std::string& script);
   /// Makes the driver lose its handle inside the `transfer`-th transfer from now.
@@ -100,6 +102,9 @@ class Rig {
   wrx_module::Device device;
 
  private:
+  using Lister = feature_info* (*)(bio_dev*, OpsActions, int, int, int);
+  std::vector<Stored> listed(const char* name, Lister call, int uid, int start, int end);
+
   struct KeyFileDeleter {
     void operator()(GKeyFile* file) const { g_key_file_free(file); }
   };

@@ -3,7 +3,9 @@
 // of its own, in virtual time, and judged.
 #pragma once
 
+#include <array>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -26,10 +28,16 @@ struct Strike {
   const FaultRow* fault = nullptr;
 };
 
+/// Small and flat: there are millions.
 struct Cell {
+  static constexpr size_t kMostFaults = 2;
   const Operation* operation = nullptr;
   Setting setting;
-  std::vector<Strike> strikes;  ///< in order of their transfers
+  std::array<Strike, kMostFaults> plan = {};  ///< in order of their transfers
+  size_t faults = 0;
+
+  void add(const Strike& strike) { plan[faults++] = strike; }
+  std::span<const Strike> strikes() const { return {plan.data(), faults}; }
 };
 
 /// "enroll:17:stale:once,64,stop", or "enroll:17+18:stale+io:…" for two faults.
@@ -43,7 +51,7 @@ enum class Check {
   bound,   ///< the operation ends within its waits
   status,  ///< the status word is idle again
   words,   ///< result and notification are a pair of its own
-  stop,    ///< a stop is acknowledged
+  stop,    ///< a stop is acknowledged, and none where nobody asked
   slots,   ///< every record has its slot to itself, with the right finger in it
   after    ///< opening anew and a verify work
 };
@@ -64,8 +72,17 @@ struct Outcome {
   std::vector<std::string> trace;
 };
 
-/// The roles of all transfers that the operation makes when nothing goes wrong.
-std::vector<Role> transfers_of(const Operation& operation, const Setting& setting);
+/// A transfer that the operation makes.
+struct Transfer {
+  Role role = Role::call;
+  /// In a long wait that asks the same thing in vain over and over: neither among the first five
+  /// times nor among the last. Driver and module are then as they were the time before, but for
+  /// the time that has passed.
+  bool waiting = false;
+};
+
+/// All transfers that the operation makes under the faults of the cell.
+std::vector<Transfer> transfers_of(const Cell& cell);
 /// Runs a cell. Traced, it takes longer and the outcome has its trace.
 Outcome run(const Cell& cell, bool traced = false);
 

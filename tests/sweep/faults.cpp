@@ -17,9 +17,9 @@ constexpr int64_t kMillisecond = 1000, kSecond = 1000 * kMillisecond;
 constexpr FaultRow kFaults[] = {
     {"timeout", FaultKind::timeout},
     {"stall", FaultKind::stall},
-    {"io", FaultKind::io_error},
-    {"nodev", FaultKind::no_device},
-    {"short", FaultKind::short_read, 5},
+    {.name = "io", .kind = FaultKind::io_error, .stood_for = true},
+    {.name = "nodev", .kind = FaultKind::no_device, .stood_for = true},
+    {"short", FaultKind::short_read, 3},  // cuts an acknowledgement too
     {"overflow", FaultKind::overflow},
     {"wrong-head", FaultKind::corrupt, 0},
     {"wrong-length", FaultKind::corrupt, 7},
@@ -83,7 +83,7 @@ bool unlimited(Role role) {
 }
 
 bool fits(const FaultRow& fault, Role role) {
-  if (fault.call || role == Role::call) return fault.call && role == Role::call;
+  if (fault.call || role == Role::call) return fault.call.has_value() && role == Role::call;
   const bool in = role == Role::answer || role == Role::acknowledgement || role == Role::boot_in;
   return wrx_module::fault_fits(fault.kind, {in, role == Role::acknowledgement});
 }

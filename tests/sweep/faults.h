@@ -23,6 +23,9 @@ struct FaultRow {
   int64_t value = 0;
   std::optional<wrx_module::Call> call = {};
   int rc = 0;  ///< what the refused call returns
+  /// Whether another row stands for it in pairs: the driver asks only whether a transfer failed,
+  /// and the module notices neither.
+  bool stood_for = false;
 };
 
 std::span<const FaultRow> faults();

@@ -20,9 +20,9 @@ tr.c{cursor:pointer}tr.c:hover{background:#eef}pre{background:#f6f6f6;padding:6p
 input,select{margin-right:1em;padding:3px}
 </style>
 <h1>What a fault does</h1>
-<p>Every fault at every transfer of every operation. Choose an operation and a fault, or type what
-the user saw; a click opens the trace.</p>
-<select id="o"></select><select id="f"></select>
+<p>Every fault at every transfer of every operation. Choose an operation and a fault, or what the
+user was told, or type any of it; a click opens the trace.</p>
+<select id="o"></select><select id="f"></select><select id="u"></select>
 <input id="q" size="40" placeholder="text, result or state"><span id="n"></span>
 <table><thead><tr><th>operation<th>transfer<th>fault<th>the user is told<th>result<th>ms
 <th>state after</tr></thead><tbody id="t"></tbody></table>
@@ -30,16 +30,18 @@ the user saw; a click opens the trace.</p>
 
 constexpr char kTail[] = R"(;
 const $=i=>document.getElementById(i),most=500;
-const fill=(s,name,i)=>{s.innerHTML='<option value="">every '+name;
- for(const v of new Set(data.cells.map(c=>c[i])))s.add(new Option(v,v));s.onchange=show};
+const chosen=[['o','every operation',0],['f','every fault',2],['u','whatever the user is told',3]];
+const fill=(id,name,i)=>{const s=$(id),count=new Map();s.add(new Option(name,''));
+ for(const c of data.cells)count.set(c[i],(count.get(c[i])||0)+1);
+ for(const [v,n] of count)s.add(new Option((v||'nothing')+' ('+n+')','='+v));s.onchange=show};
 const cell=(r,v)=>{r.insertCell().textContent=v};
 const whole=c=>{const base=data.whole[c[0]],[first,last,middle]=c[7];
  return base.slice(0,first).concat(middle,base.slice(base.length-last))};
 const trace=c=>{let at=0;return whole(c).map(e=>{const [t,n]=Array.isArray(e)?e:[0,e];
  return String(at+=t).padStart(7)+'  '+data.lines[n]}).join('\n')};
 function show(){const q=$('q').value.toLowerCase();$('t').replaceChildren();
- const found=data.cells.filter(c=>(!$('o').value||c[0]===$('o').value)&&
-  (!$('f').value||c[2]===$('f').value)&&(!q||c.slice(3,7).join(' ').toLowerCase().includes(q)));
+ const found=data.cells.filter(c=>chosen.every(([id,,i])=>!$(id).value||'='+c[i]===$(id).value)&&
+  (!q||c.slice(3,7).join(' ').toLowerCase().includes(q)));
  $('n').textContent=found.length+' cells'+(found.length>most?', the first '+most+' are shown':'');
  for(const c of found.slice(0,most)){const r=$('t').insertRow();r.className='c';
   for(let i=0;i<7;++i)cell(r,c[i]);
@@ -47,7 +49,8 @@ function show(){const q=$('q').value.toLowerCase();$('t').replaceChildren();
    if(next&&next.className==='x')return next.remove();
    const x=$('t').insertRow(r.sectionRowIndex+1);x.className='x';const d=x.insertCell();
    d.colSpan=7;const p=document.createElement('pre');p.textContent=trace(c);d.append(p)}}}
-fill($('o'),'operation',0);fill($('f'),'fault',2);$('q').oninput=show;show();
+for(const row of chosen)fill(...row);
+$('q').oninput=show;show();
 </script>
 )";
 
@@ -106,8 +109,8 @@ Page::~Page() = default;
 void Page::add(const Cell& cell, const Outcome& outcome) {
   const std::string name(cell.operation->name);
   json& whole = data_->whole[name];
-  if (whole.is_null()) whole = data_->told(run({cell.operation, cell.setting, {}}, true).trace);
-  const Strike& strike = cell.strikes.front();
+  if (whole.is_null()) whole = data_->told(run({cell.operation, cell.setting}, true).trace);
+  const Strike& strike = cell.strikes().front();
   data_->cells.push_back(
       {name, std::to_string(strike.transfer) + " " + std::string(role_name(strike.role)),
        strike.fault->name, outcome.told, outcome.words.first, outcome.ms, outcome.state,

@@ -2,6 +2,8 @@
 // The table of operations.
 #include "sweep/operations.h"
 
+#include <map>
+
 #include "operations/module_procedures.h"
 #include "protocol/packet.h"
 #include "protocol/procedures.h"
@@ -13,9 +15,9 @@ namespace {
 using wrx_module::Settings;
 using wrx_test::Rig;
 
-// ---- time: sums of the waits, all in milliseconds
+// ---- time: sums of the waits, all in milliseconds. `read` is what a read without an answer takes,
+// `finger` how long a finger is waited for.
 
-constexpr int64_t kOperationLimit = 5000;  // the framework's, as the rig sets it
 constexpr int64_t kReadingPause = 2000;
 
 // An exchange whose answer never comes: a first wait, then attempts with a pause behind each.
@@ -28,40 +30,44 @@ constexpr int64_t drain(int64_t read) {
 constexpr int64_t cancel(int64_t read) {
   return exchange(read, 20, 5, 20) + drain(read);
 }
-constexpr int64_t identification(int64_t read) {
-  return exchange(read, 20, 3, 20) + kOperationLimit + read + 20 + cancel(read);
+constexpr int64_t identification(int64_t read, int64_t finger) {
+  return exchange(read, 20, 3, 20) + finger + read + 20 + cancel(read);
 }
-constexpr int64_t matching(int64_t read) {
-  return drain(read) + identification(read);
+constexpr int64_t matching(int64_t read, int64_t finger) {
+  return drain(read) + identification(read, finger);
 }
-constexpr int64_t presses(int64_t read) {
+constexpr int64_t presses(int64_t read, int64_t finger) {
   constexpr int64_t kReports = 13 * 3 + 3;
-  return kReports * 30 + kOperationLimit + read + 30 + cancel(read);
+  return kReports * 30 + finger + read + 30 + cancel(read);
 }
-constexpr int64_t enrolment(int64_t read) {
-  return matching(read) + 2 * exchange(read, 20, 10, 20) + exchange(read, 20, 3, 20) +
-         presses(read) + kReadingPause;
+constexpr int64_t enrolment(int64_t read, int64_t finger) {
+  return matching(read, finger) + 2 * exchange(read, 20, 10, 20) + exchange(read, 20, 3, 20) +
+         presses(read, finger) + kReadingPause;
 }
-constexpr int64_t cleaning(int64_t read) {
+// One template to erase before, one press of a finger that the user has.
+constexpr int64_t long_enrolment(int64_t read, int64_t finger) {
+  return exchange(read, 20, 5, 20) + identification(read, finger) + enrolment(read, finger);
+}
+constexpr int64_t cleaning(int64_t read, int64_t) {
   return 2 * exchange(read, 20, 5, 20);
 }
-constexpr int64_t starting(int64_t read) {
+constexpr int64_t starting(int64_t read, int64_t) {
   const int64_t powerup = drain(read) + exchange(read, 20, 3, 20) + 5 * (read + 20) + cancel(read);
   return powerup + exchange(read, 20, 10, 20) + 5 * (read + 20);
 }
 // Ten attempts, a second apart, each of which may have to restart the module first.
-constexpr int64_t upgrading(int64_t read) {
+constexpr int64_t upgrading(int64_t read, int64_t) {
   constexpr int64_t kFrames = 8, kFramePauses = 4;
   const int64_t restart = exchange(read, 70, 1, 0) + 1000;
-  return starting(read) + restart + 10 * (restart + kFrames * kFramePauses + 1000) + 1000;
+  return starting(read, 0) + restart + 10 * (restart + kFrames * kFramePauses + 1000) + 1000;
 }
-constexpr int64_t recovering(int64_t) {
+constexpr int64_t recovering(int64_t, int64_t) {
   return 8 * 4 + 1000;
 }
-constexpr int64_t command(int64_t read) {
+constexpr int64_t command(int64_t read, int64_t) {
   return exchange(read, 100, 10, 20) + cancel(read);
 }
-constexpr int64_t nothing(int64_t) {
+constexpr int64_t nothing(int64_t, int64_t) {
   return 0;
 }
 
@@ -78,6 +84,26 @@ constexpr Words kSearch[] = {{600, 600}, {601, 601}, {602, 602}, {604, 604}, {3,
 constexpr Words kClean[] = {{700, 700}, {701, 701}};
 constexpr Words kList[] = {{800, 100}};  // no notification of its own: that of the opening stays
 
+// Transfers that may still follow a stop which a report overtook: of the read in progress, of the
+// exchange before it, of the cancel.
+constexpr int kCancel = 3 * (1 + 5 + 3), kToEnd = 3 + kCancel,
+              kWhole = 3 * 5 + 3 * (1 + 3) + kToEnd;
+
+constexpr Family kStarts = {kUntouched, Stop::unheard, starting, 0};
+constexpr Family kUpgrades = {kUntouched, Stop::unheard, upgrading, 0};
+constexpr Family kRecoveries = {kUntouched, Stop::unheard, recovering, 0};
+constexpr Family kDiscoveries = {kUntouched, Stop::unheard, nothing, 0};
+constexpr Family kOpenings = {kMayOpen, Stop::unheard, nothing, 0};
+constexpr Family kEnrolments = {kEnroll, Stop::ends, enrolment, kToEnd};
+constexpr Family kLongEnrolments = {kEnroll, Stop::ends, long_enrolment, kToEnd};
+constexpr Family kVerifications = {kVerify, Stop::ends, matching, kWhole};
+constexpr Family kIdentifications = {kIdentify, Stop::only_end, matching, kWhole};
+constexpr Family kHeldResults = {kIdentify, Stop::ends, matching, kWhole};
+constexpr Family kSearches = {kSearch, Stop::ends, matching, kWhole};
+constexpr Family kCleanings = {kClean, Stop::unheard, cleaning, 0};
+constexpr Family kLists = {kList, Stop::unheard, nothing, 0};
+constexpr Family kCommands = {kOpened, Stop::unheard, command, 0};
+
 // ---- worlds
 
 void configured(Rig& rig) {
@@ -85,7 +111,7 @@ void configured(Rig& rig) {
 }
 void opened(Rig& rig) {
   rig.configure();
-  rig.info().timeoutMS = kOperationLimit;
+  rig.info().timeoutMS = kFingerMs;
   rig.open();
 }
 void pressed(Rig& rig) {
@@ -101,10 +127,17 @@ void new_finger(Rig& rig) {
   opened(rig);
   rig.play("press ring x13");
 }
-// Another user has the finger already, and the module stores no finger twice.
+// Another user has the finger already, and the module stores no finger twice. Before that there is
+// a template to erase, and a finger that the user has.
 void strangers_finger(Rig& rig) {
   rig.store({Rig::kUser + 1, 0, {30}});
   rig.device.memory().templates[30] = "ring";
+  rig.device.memory().templates[31] = "nobody's";
+  opened(rig);
+  rig.play("press thumb; press ring x13");
+}
+void ten_fingers(Rig& rig) {
+  stock(rig, 10);
   new_finger(rig);
 }
 void upgrade_due(Rig& rig) {
@@ -181,54 +214,35 @@ int set_mode(Rig&) {
 constexpr Leaves kStart = {.needs_start = true};
 constexpr Leaves kPower = {.needs_power = true};
 constexpr Leaves kErases = {.erases = true};
-constexpr Stop kNone = Stop::none;
-
-#define WRX_COMMAND(function, ...)                                                           \
-  {                                                                                          \
-#function, nullptr, opened, call < function __VA_OPT__(, ) __VA_ARGS__>, kOpened, kNone, \
-        command, {}                                                                          \
+#define WRX_COMMAND(function, ...)                                                         \
+  {                                                                                        \
+#function, nullptr, opened, call < function __VA_OPT__(, ) __VA_ARGS__>, kCommands, {} \
   }
 
 constexpr Operation kOperations[] = {
-    {"start", nullptr, configured, start, kUntouched, kNone, starting, kStart},
-    {"start-powerup", powered_by_finger, configured, start, kUntouched, kNone, starting, kStart},
-    {"start-version", told_with_version, configured, start, kUntouched, kNone, starting, kStart},
-    {"upgrade", new_image, upgrade_due, start, kUntouched, kNone, upgrading, kStart},
-    {"recover", new_image, torn_upgrade, start, kUntouched, kNone, recovering, kStart},
-    {"discover", nullptr, configured, discover, kUntouched, kNone, nothing, {}},
-    {"open", nullptr, opened, reopen, kMayOpen, kNone, nothing, {}},
-    {"enroll", whole_steps, new_finger, enroll, kEnroll, Stop::ends, enrolment, {}},
-    {"enroll-unstored",
-     stores_nothing_twice,
-     strangers_finger,
-     enroll,
-     kEnroll,
-     Stop::ends,
-     enrolment,
-     {}},
-    {"verify", nullptr, pressed, verify, kVerify, Stop::ends, matching, {}},
-    {"identify", nullptr, pressed, identify, kIdentify, Stop::only_end, matching, {}},
-    {"identify-held",
-     powered_by_finger,
-     held_result,
-     identify,
-     kIdentify,
-     Stop::ends,
-     matching,
-     {}},
-    {"search", nullptr, pressed, search, kSearch, Stop::ends, matching, {}},
-    {"clean", nullptr, opened, clean, kClean, Stop::none, cleaning, {}},
-    {"list", nullptr, opened, list, kList, Stop::none, nothing, {}},
+    {"start", nullptr, configured, start, kStarts, {}},
+    {"start-powerup", powered_by_finger, configured, start, kStarts, {}},
+    {"start-version", told_with_version, configured, start, kStarts, {}},
+    {"upgrade", new_image, upgrade_due, start, kUpgrades, kStart},
+    {"recover", new_image, torn_upgrade, start, kRecoveries, kStart},
+    {"discover", nullptr, configured, discover, kDiscoveries, {}},
+    {"open", nullptr, opened, reopen, kOpenings, {}},
+    {"enroll", whole_steps, new_finger, enroll, kEnrolments, {}},
+    {"enroll-unstored", stores_nothing_twice, strangers_finger, enroll, kLongEnrolments, {}},
+    {"enroll-full", whole_steps, ten_fingers, enroll, kEnrolments, {}},
+    {"verify", nullptr, pressed, verify, kVerifications, {}},
+    {"identify", nullptr, pressed, identify, kIdentifications, {}},
+    {"identify-held", powered_by_finger, held_result, identify, kHeldResults, {}},
+    {"search", nullptr, pressed, search, kSearches, {}},
+    {"clean", nullptr, opened, clean, kCleanings, {}},
+    {"list", nullptr, opened, list, kLists, {}},
+    {"fp_get_fprint_img", nullptr, pressed, call<fp_get_fprint_img>, kCommands, {}},
+    {"fp_upload_fprint_img", nullptr, picture_taken, call<fp_upload_fprint_img>, kCommands, {}},
+    {"fp_set_mode", nullptr, opened, set_mode, kCommands, {}},
+    {"fp_sleep", nullptr, opened, call<fp_sleep>, kCommands, kPower},
+    {"fp_reboot", nullptr, opened, call<fp_reboot>, kCommands, kPower},
+    {"fp_empty_template", nullptr, opened, call<fp_empty_template>, kCommands, kErases},
     WRX_COMMAND(fp_get_firmware_version),
-    {"fp_get_fprint_img", nullptr, pressed, call<fp_get_fprint_img>, kOpened, kNone, command, {}},
-    {"fp_upload_fprint_img",
-     nullptr,
-     picture_taken,
-     call<fp_upload_fprint_img>,
-     kOpened,
-     kNone,
-     command,
-     {}},
     WRX_COMMAND(fp_force_get_fprint_img),
     WRX_COMMAND(fp_read_sys_param),
     WRX_COMMAND(fp_set_chip_addr, 0x01020304U),
@@ -237,27 +251,29 @@ constexpr Operation kOperations[] = {
     WRX_COMMAND(fp_get_chip_serial_num),
     WRX_COMMAND(fp_handshake),
     WRX_COMMAND(fp_cancel),
-    {"fp_sleep", nullptr, opened, call<fp_sleep>, kOpened, kNone, command, kPower},
     WRX_COMMAND(fp_get_valid_template_num),
     WRX_COMMAND(fp_get_bright),
-    {"fp_set_mode", nullptr, opened, set_mode, kOpened, kNone, command, {}},
-    {"fp_reboot", nullptr, opened, call<fp_reboot>, kOpened, kNone, command, kPower},
     WRX_COMMAND(fp_set_pc_state, 1),
     WRX_COMMAND(fp_get_empty_enroll_id),
     WRX_COMMAND(fp_delete_template, 200, 1),
-    {"fp_empty_template", nullptr, opened, call<fp_empty_template>, kOpened, kNone, command,
-     kErases},
 };
 
 }  // namespace
 
-void stock(Rig& rig) {
+std::string finger_of(int index) {
+  static const char* const kNames[] = {"thumb", "index", "middle", "ring"};
+  return index < 4 ? kNames[index] : "finger " + std::to_string(index);
+}
+
+void stock(Rig& rig, int fingers) {
   // Made once and copied: a database is asked more often than made.
-  static std::string database;
-  rig.device.memory().templates = {{20, "thumb"}, {21, "index"}, {22, "middle"}};
+  static std::map<int, std::string> databases;
+  for (int i = 0; i < fingers; ++i)
+    rig.device.memory().templates[static_cast<uint16_t>(kFirstSlot + i)] = finger_of(i);
+  std::string& database = databases[fingers];
   if (!database.empty()) return rig.write_file("feature.db", database);
-  for (int i = 0; i < 3; ++i)
-    rig.store({Rig::kUser, i, {20 + i}});
+  for (int i = 0; i < fingers; ++i)
+    rig.store({Rig::kUser, i, {kFirstSlot + i}});
   database = rig.read_file("feature.db");
 }
 

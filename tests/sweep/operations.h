@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -14,9 +15,23 @@ namespace sweep {
 
 /// How a user's stop ends the operation.
 enum class Stop {
-  none,     ///< nobody looks for it
-  ends,     ///< acknowledged, unless the operation had come to its end before
+  unheard,  ///< nobody looks for it
+  ends,     ///< acknowledged, unless a report overtakes it
   only_end  ///< and nothing else ends a wait for a module that says nothing
+};
+
+/// A pair of result and notification.
+using Words = std::pair<int, int>;
+
+/// What operations of a kind have in common.
+struct Family {
+  std::span<const Words> words;  ///< that it may end with
+  Stop stop;
+  /// Milliseconds that its waits add up to when a read without an answer takes `read_ms` and a
+  /// finger is waited for `finger_ms`.
+  int64_t (*bound_ms)(int64_t read_ms, int64_t finger_ms);
+  /// Transfers that may still follow a stop which a report overtakes.
+  int transfers_to_end;
 };
 
 /// What an operation leaves that the next ones must know.
@@ -26,10 +41,7 @@ struct Leaves {
   bool erases = false;       ///< the library is empty afterwards
 };
 
-/// A pair of result and notification.
-using Words = std::pair<int, int>;
-
-/// One operation. A user with three stored fingers asks for it; the module holds them in 20 to 22.
+/// One operation. A user with three stored fingers asks for it; the module holds them from 20 on.
 struct Operation {
   std::string_view name;
   /// Changes the settings of the module before it is powered; may be null.
@@ -37,15 +49,17 @@ struct Operation {
   /// Brings the driver to where the operation begins.
   void (*before)(wrx_test::Rig&);
   int (*run)(wrx_test::Rig&);
-  std::span<const Words> words;
-  Stop stop;
-  /// Milliseconds that its waits add up to when a read without an answer takes `read_ms`.
-  int64_t (*bound_ms)(int64_t read_ms);
+  const Family& family;
   Leaves leaves;
 };
 
-/// Stores the user's three fingers on both sides.
-void stock(wrx_test::Rig& rig);
+constexpr int kFirstSlot = 20;
+constexpr int64_t kFingerMs = 5000;  ///< for so long the driver waits for a finger
+
+/// What the module calls the user's finger of an index.
+std::string finger_of(int index);
+/// Stores the user's fingers on both sides.
+void stock(wrx_test::Rig& rig, int fingers = 3);
 
 std::span<const Operation> operations();
 /// The row of a name; null when there is none.

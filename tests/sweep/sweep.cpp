@@ -3,21 +3,25 @@
 // every kind of module. Ends with "N passed, M failed"; a cell that fails is named, and can be run
 // alone, with its trace, by that name.
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <iostream>
-#include <map>
+#include <set>
+#include <thread>
 
 #include "sweep/expectations.h"
 #include "sweep/html.h"
+#include "sweep/space.h"
 
 namespace sweep {
 namespace {
 
-using Cells = std::vector<Cell>;
 using wrx_module::EmptyRead;
 
 constexpr unsigned kCellSeconds = 60;
@@ -34,87 +38,41 @@ void say_where(int signal) {
   raise(signal);
 }
 
-/// Every cell of an operation at one kind of module, with one fault each.
-void add_cells(const Operation& operation, const Setting& setting, Cells& cells) {
-  const std::vector<Role> roles = transfers_of(operation, setting);
-  for (size_t i = 0; i <= roles.size(); ++i) {
-    const Role role = i == 0 ? Role::call : roles[i - 1];
-    for (const FaultRow& fault : faults()) {
-      if (!fits(fault, role)) continue;
-      const Strike strike = {static_cast<int>(i), role, &fault};
-      cells.push_back({&operation, setting, {strike}});
-      // A user can stop what is running; the stop comes with the fault.
-      if (role == Role::call || operation.bound_ms(0) == 0 || operation.words.size() < 2) continue;
-      cells.push_back({&operation, setting, {strike}});
-      cells.back().setting.stop = true;
-    }
-  }
-}
-
-Cells all_cells() {
-  Cells cells;
-  for (const EmptyRead empty : {EmptyRead::answers_empty, EmptyRead::times_out}) {
-    for (const uint16_t packet : {uint16_t{64}, uint16_t{512}}) {
-      for (const Operation& operation : operations()) {
-        add_cells(operation, {empty, packet, false}, cells);
-      }
-    }
-  }
-  return cells;
-}
-
-/// Two faults in one enrolment or upgrade: every kind with every kind, the second at the first
-/// transfer after the first that it fits.
-Cells all_pairs() {
-  Cells cells;
-  for (const char* name : {"enroll", "upgrade"}) {
-    const Setting setting;
-    const Operation& operation = *operation_named(name);
-    const std::vector<Role> roles = transfers_of(operation, setting);
-    for (size_t i = 0; i < roles.size(); ++i) {
-      for (const FaultRow& first : faults()) {
-        if (!fits(first, roles[i]) || first.name == "never") continue;
-        for (const FaultRow& second : faults()) {
-          if (second.call || second.name == "never") continue;
-          const int at = static_cast<int>(i) + 1;
-          cells.push_back(
-              {&operation, setting, {{at, roles[i], &first}, {at + 1, roles[i], &second}}});
-        }
-      }
-    }
-  }
-  return cells;
-}
-
-/// `count` cells, spread evenly, always the same.
-Cells sample_of(const Cells& cells, size_t count) {
-  if (count == 0 || count >= cells.size()) return cells;
-  Cells sample;
-  for (size_t i = 0; i < count; ++i)
-    sample.push_back(cells[i * cells.size() / count]);
-  return sample;
-}
-
+// Added to by all workers.
 struct Totals {
-  size_t tried = 0, passed = 0, failed = 0, expected = 0;
-  std::map<std::string_view, size_t> reasons;  ///< of expected failures
+  static constexpr size_t kMostRows = 32;
+  std::atomic<size_t> next = 0;  ///< cell
+  std::atomic<size_t> tried = 0, passed = 0, failed = 0, expected = 0;
+  std::atomic<size_t> rows[kMostRows] = {};  ///< cells that a row of the expectations excuses
+
+  /// In memory that worker processes share.
+  static Totals& shared() {
+    void* memory =
+        mmap(nullptr, sizeof(Totals), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) std::abort();
+    return *new (memory) Totals;
+  }
 };
 
 void judge(const Cell& cell, const Outcome& outcome, Totals& totals) {
-  bool failed = false, excused = false;
+  bool failed = false;
+  std::set<size_t> excuses;
+  std::string lines;
   for (const Failure& failure : outcome.failures) {
     if (const Expectation* row = expected(cell, failure)) {
-      excused = true;
-      ++totals.reasons[row->reason];
+      excuses.insert(static_cast<size_t>(row - expectations().data()));
       continue;
     }
     failed = true;
-    std::cout << "FAIL " << coordinates(cell) << "  " << check_name(failure.check) << ": "
-              << failure.what << "\n";
+    lines += "FAIL " + coordinates(cell) + "  " + std::string(check_name(failure.check)) + ": " +
+             failure.what + "\n";
   }
+  std::cout << lines << std::flush;
   ++totals.tried;
   ++(failed ? totals.failed : totals.passed);
-  if (excused && !failed) ++totals.expected;
+  for (const size_t row : excuses)
+    ++totals.rows[row];
+  if (!failed && !excuses.empty()) ++totals.expected;
 }
 
 Outcome run_guarded(const Cell& cell, bool traced) {
@@ -125,26 +83,42 @@ Outcome run_guarded(const Cell& cell, bool traced) {
   return outcome;
 }
 
-int sweep_cells(const Cells& cells, Page* page) {
-  Totals totals;
-  for (const Expectation& row : expectations())
-    totals.reasons[row.reason] = 0;
-  const auto begun = std::chrono::steady_clock::now();
-  for (const Cell& cell : cells) {
-    const Outcome outcome = run_guarded(cell, page != nullptr);
-    judge(cell, outcome, totals);
-    if (page != nullptr) page->add(cell, outcome);
+// Runs cells until none is left. False when a rig could not set its world up, which has been said.
+bool work(const Cells& cells, Totals& totals, Page* page) {
+  for (size_t i; (i = totals.next++) < cells.size();) {
+    const Outcome outcome = run_guarded(cells[i], page != nullptr);
+    judge(cells[i], outcome, totals);
+    if (page != nullptr) page->add(cells[i], outcome);
   }
+  return !testing::UnitTest::GetInstance()->Failed();
+}
+
+// The same by so many processes; each has a driver of its own.
+bool work_together(const Cells& cells, Totals& totals, unsigned jobs) {
+  std::cout << std::flush;
+  for (unsigned i = 0; i < jobs; ++i) {
+    if (fork() == 0) std::exit(work(cells, totals, nullptr) ? 0 : 1);
+  }
+  bool sound = true;
+  for (int status = 0; wait(&status) > 0;)
+    sound &= status == 0;
+  return sound;
+}
+
+int sweep_cells(const Cells& cells, unsigned jobs, Page* page = nullptr) {
+  Totals& totals = Totals::shared();
+  std::cout << cells.size() << " cells\n";
+  const auto begun = std::chrono::steady_clock::now();
+  const bool sound =
+      page != nullptr ? work(cells, totals, page) : work_together(cells, totals, jobs);
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
-  for (const auto& [reason, count] : totals.reasons) {
-    std::cout << "expected " << count << "  " << reason << "\n";
+  for (size_t i = 0; i < expectations().size(); ++i) {
+    std::cout << "expected " << totals.rows[i] << "  " << expectations()[i].reason << "\n";
   }
   std::cout << totals.tried << " of " << cells.size() << " cells tried, "
             << static_cast<int64_t>(static_cast<double>(totals.tried) / took.count())
             << " a second, " << totals.expected << " ended as their exception says\n"
             << totals.passed << " passed, " << totals.failed << " failed\n";
-  // A rig that could not set its world up has said so.
-  const bool sound = !testing::UnitTest::GetInstance()->Failed();
   return sound && totals.failed == 0 && totals.tried == cells.size() ? 0 : 1;
 }
 
@@ -167,19 +141,35 @@ int replay(const std::string& name) {
   return totals.failed == 0 ? 0 : 1;
 }
 
-int write_page(const Cells& cells, const std::string& path) {
-  Cells shown;
-  for (const Cell& cell : cells) {
+int write_page(const std::string& path) {
+  Cells shown = single_faults();
+  std::erase_if(shown, [](const Cell& cell) {
     const Setting& setting = cell.setting;
-    if (setting.empty == EmptyRead::answers_empty && setting.packet == 64 && !setting.stop) {
-      shown.push_back(cell);
-    }
-  }
+    return setting.empty != EmptyRead::answers_empty || setting.packet != 64 || setting.stop;
+  });
   Page page;
-  const int result = sweep_cells(shown, &page);
+  const int result = sweep_cells(shown, 1, &page);
   if (page.write(path)) return result;
   std::cerr << "sweep: cannot write " << path << "\n";
   return 2;
+}
+
+// Every pair of an enrolment, some of an upgrade.
+Cells pairs() {
+  Cells cells = pairs_of(*operation_named("enroll"), 1, 1);
+  const Cells more = pairs_of(*operation_named("upgrade"), 17, 11);
+  cells.insert(cells.end(), more.begin(), more.end());
+  return cells;
+}
+
+// What the tests run: some of everything.
+Cells sample() {
+  Cells cells = sample_of(single_faults(), 2400);
+  for (const char* name : {"enroll", "upgrade"}) {
+    const Cells more = pairs_of(*operation_named(name), 41, 131);
+    cells.insert(cells.end(), more.begin(), more.end());
+  }
+  return cells;
 }
 
 }  // namespace
@@ -187,21 +177,25 @@ int write_page(const Cells& cells, const std::string& path) {
 int main(int argc, char** argv) {
   CLI::App app("Every fault at every transfer of every operation.");
   std::string cell, page, only;
-  size_t sample = 0;
-  bool pairs = false;
-  app.add_option("--cell", cell, "run OPERATION:TRANSFER:FAULT[:settings] and show its trace");
-  app.add_option("--sample", sample, "run a fixed sample of N cells");
+  unsigned jobs = std::max(1U, std::thread::hardware_concurrency());
+  bool sampled = false, paired = false;
+  app.add_option("--cell", cell,
+                 "run OPERATION:TRANSFER:FAULT[:settings] and show its trace; two faults as "
+                 "OPERATION:TRANSFER+TRANSFER:FAULT+FAULT");
+  app.add_flag("--sample", sampled, "a fixed sample of single faults and of pairs");
+  app.add_flag("--pairs", paired, "two faults: every pair in an enrolment, a sample in an upgrade");
   app.add_option("--only", only, "only the operation of this name");
-  app.add_flag("--pairs", pairs, "two faults at a time, in enrolments and upgrades");
+  app.add_option("--jobs", jobs, "worker processes, one a core unless told")
+      ->check(CLI::Range(1U, 256U));
   app.add_option("--html", page, "write a page on what the user meets to this file");
   CLI11_PARSE(app, argc, argv);
   for (const int signal : {SIGSEGV, SIGABRT, SIGALRM, SIGFPE, SIGBUS})
     ::signal(signal, say_where);
   if (!cell.empty()) return replay(cell);
-  Cells cells = pairs ? all_pairs() : all_cells();
+  if (!page.empty()) return write_page(page);
+  Cells cells = paired ? pairs() : sampled ? sample() : single_faults();
   if (!only.empty()) std::erase_if(cells, [&](const Cell& c) { return c.operation->name != only; });
-  cells = sample_of(cells, sample);
-  return page.empty() ? sweep_cells(cells, nullptr) : write_page(cells, page);
+  return sweep_cells(cells, jobs);
 }
 
 }  // namespace sweep
