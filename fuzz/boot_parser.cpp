@@ -1,16 +1,18 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Whatever the bootloader sends, cut into reads of any length.
 #include "fuzz/scratch.h"
+#include "log.h"
 #include "upgrade/bootloader.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  wrx_fuzz::enter_scratch_folder();
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+  wrx_fuzz::enter_scratch_folder(*argc, *argv);
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   wrx_fuzz::Input input(data, size);
   const std::size_t piece = input.byte() + std::size_t{1};
+  enable_printf_log(static_cast<int32_t>(piece % 2));
   upgrade_param = {};
   while (!input.empty()) {
     const std::string_view part = input.bytes(piece);

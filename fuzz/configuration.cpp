@@ -9,8 +9,8 @@
 #include "upgrade/upgrade.h"
 #include "upgrade_budget.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  wrx_fuzz::enter_scratch_folder();
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+  wrx_fuzz::enter_scratch_folder(*argc, *argv);
   return 0;
 }
 

@@ -1,86 +1,251 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // A module that lies at any step of whole operations. The first bytes choose the operation, the
-// faults and when the user stops; the rest is what the module says of its own accord.
+// kind of module and when the user stops; then come the faults of its transfers, what its
+// bootloader does wrong, and what it says of its own accord between the driver's waits.
 #include <libbiometric.h>
 
+#include "driver_info.h"
 #include "frame/driver.h"
 #include "fuzz/scratch.h"
 #include "module/bus.h"
-#include "protocol/packet.h"
+#include "operations/module_procedures.h"
+#include "protocol/procedures.h"
 #include "support/virtual_clock.h"
-#include "transport/usb_device.h"
+#include "upgrade/bootloader.h"
 
 namespace {
 
-constexpr int64_t kStopAfterUs = 40'000'000;  // a stop ends what nothing else ends
+using wrx_fuzz::Input;
+using wrx_module::BootQuirk;
+using wrx_module::FaultKind;
 
-wrx_module::Settings settings() {
+constexpr char kDatabase[] = "features.db";
+constexpr int kUser = 1, kSlot = 20;
+constexpr int kFaultKinds = static_cast<int>(FaultKind::death);  // but for the host's own death
+constexpr int kPresses = 13;
+constexpr uint8_t kBootCommands[] = {0xD3, 0xD7, 0xA6, 0xD9, 0xCC, 0xE3};
+
+/// What the module is and does, by bits of the second byte.
+enum Kind : uint8_t {
+  times_out = 1,      ///< reads run out instead of being answered empty
+  single = 2,         ///< identification's result is one slot
+  all_at_once = 4,    ///< everything ready goes into one read
+  powered_up = 8,     ///< a finger switched the machine on
+  high_speed = 0x10,  ///< packets of 512 bytes
+};
+
+std::string good_database;
+
+void make_database() {
+  feature_info* info = bio_sto_new_feature_info(kUser, 0, "wrx5300", 0, "finger");
+  info->sample = bio_sto_new_feature_sample(-1, "");
+  info->sample->no = kSlot;
+  sqlite3* db = bio_sto_connect_db();
+  bio_sto_set_feature_info(db, info);
+  bio_sto_disconnect_db(db);
+  bio_sto_free_feature_info_list(info);
+  good_database = wrx_fuzz::read_file(kDatabase);
+}
+
+// An upgrade is due whenever the driver starts: the budget is spent once a process.
+void carry_image() {
+  wrx_fuzz::write_file("etc/wrx6600/extra/trv_fw.conf", "ACM32FP_V101\n");
+  wrx_fuzz::write_file("etc/wrx6600/extra/ACM32FP_V101.bin", std::string(600, 'x'));
+  wrx_fuzz::write_file("etc/biometric-auth/extra.conf.d/vestrel-m6600.conf",
+                       "[BASIC_PARAM]\nUpgradeFlag=9\nUpgradeMode=FORCE_UPGRADE\n");
+}
+
+wrx_module::Settings settings(uint8_t kind) {
   wrx_module::Settings settings;
-  settings.link.empty_read = wrx_module::EmptyRead::answers_empty;
+  if ((kind & times_out) == 0) settings.link.empty_read = wrx_module::EmptyRead::answers_empty;
+  if ((kind & single) != 0) settings.procedure.form = wrx_module::ResultForm::single;
+  if ((kind & all_at_once) != 0) settings.link.batch = wrx_module::Batch::all_ready;
+  if ((kind & high_speed) != 0) settings.usb.packet_size = 512;
+  if ((kind & powered_up) != 0) {
+    settings.power_up.outcome = wrx_module::PowerUpOutcome::match;
+    settings.power_up.slots = {kSlot};
+  }
   return settings;
 }
 
-void operate(bio_dev& dev, uint8_t operation) {
+std::vector<BootQuirk> boot_quirks(Input& input, int count) {
+  std::vector<BootQuirk> quirks;
+  for (int i = 0; i < count; ++i) {
+    const uint8_t command = kBootCommands[input.byte() % std::size(kBootCommands)];
+    const uint8_t how = input.byte();
+    quirks.push_back({command, how >> 4, static_cast<BootQuirk::Kind>(how % 7), input.byte()});
+  }
+  return quirks;
+}
+
+void add_faults(Input& input, int count) {
+  for (int i = 0; i < count; ++i) {
+    const int at = input.byte() + 1;
+    const auto kind = static_cast<FaultKind>(input.byte() % kFaultKinds);
+    const int64_t value = input.byte();
+    wrx_module::bus().faults().add({at, kind, kind == FaultKind::delay ? value * 10'000 : value});
+  }
+}
+
+/// What comes about while the driver waits: the module's lies and the user's stop.
+class Meanwhile {
+ public:
+  /// The lies are the rest of the input: how many of the driver's waits pass first, the length,
+  /// with a top bit for a sound packet, and the bytes.
+  Meanwhile(Input& input, int64_t stop_us, bio_dev& dev, wrx_module::Device& device)
+      : input_(input), stop_us_(stop_us), dev_(dev), device_(device), waits_(input.byte()) {}
+
+  void pass(wrx_test::VirtualClock& clock) {
+    if (waits_-- <= 0 && !input_.empty()) say_next();
+    // A thread that is not there yet costs the clock nothing.
+    if (stopped_ || clock.now_us() < stop_us_) return;
+    stopped_ = true;
+    clock.at(clock.now_us(), [this] { dev_.ops_stop_by_user(&dev_, 3000); });
+  }
+
+ private:
+  void say_next() {
+    const uint8_t length = input_.byte();
+    const std::string_view said = input_.bytes(length & 0x7F);
+    const std::vector<uint8_t> bytes(said.begin(), said.end());
+    waits_ = input_.byte();
+    wrx_module::bus().locked([&] {
+      if ((length & 0x80) != 0) {
+        device_.say(bytes);
+      } else {
+        device_.say_raw(bytes);
+      }
+    });
+  }
+
+  Input& input_;
+  int64_t stop_us_;
+  bio_dev& dev_;
+  wrx_module::Device& device_;
+  int waits_;
+  bool stopped_ = false;
+};
+
+void start(bio_dev& dev) {
+  dev.ops_close(&dev);  // a start opens the module by itself
+  dev.ops_driver_init(&dev);
+  dev.ops_open(&dev);
+}
+
+// Every command that is one exchange, or brings a bulk of data.
+void ask_everything() {
+  constexpr int32_t (*kCommands[])() = {
+      fp_handshake,      fp_read_sys_param, fp_get_valid_template_num, fp_get_chip_serial_num,
+      fp_get_bright,     fp_get_fprint_img, fp_upload_fprint_img,      fp_read_flash_info_page,
+      fp_empty_template, fp_sleep,
+  };
+  for (const auto command : kCommands)
+    command();
+}
+
+void ask_bootloader(wrx_module::Device& device) {
+  wrx_module::bus().locked([&] {
+    device.memory().stored_crc.reset();  // without an image that starts, it is what power brings
+    device.power_cycle();
+  });
+  if (boot_open_dev() != 0) return;
+  readSN();
+  readEFlash(0, 200);
+  readCRC(0, 100);
+  checkCRC();
+  selfTest();
+  boot_close_dev();
+}
+
+void operate(bio_dev& dev, wrx_module::Device& device, uint8_t operation) {
   char name[] = "finger";
-  switch (operation % 6) {
+  switch (operation % 9) {
     case 0:
-      dev.ops_enroll(&dev, ACTION_START, 1, -1, name);
+      dev.ops_enroll(&dev, ACTION_START, kUser, -1, name);
       break;
     case 1:
-      dev.ops_verify(&dev, ACTION_START, 1, 0);
+      dev.ops_verify(&dev, ACTION_START, kUser, 0);
       break;
     case 2:
       dev.ops_identify(&dev, ACTION_START, -1, 0, -1);
       break;
     case 3:
-      bio_sto_free_feature_info_list(dev.ops_search(&dev, ACTION_START, 1, 0, -1));
+      bio_sto_free_feature_info_list(dev.ops_search(&dev, ACTION_START, kUser, 0, -1));
       break;
     case 4:
-      dev.ops_clean(&dev, ACTION_START, 1, 0, -1);
+      dev.ops_clean(&dev, ACTION_START, kUser, 0, -1);
+      break;
+    case 5:
+      wrx::info_of(&dev).config.upgrade_mode = DONT_UPGRADE;
+      start(dev);
+      break;
+    case 6:
+      start(dev);
+      break;
+    case 7:
+      ask_everything();
       break;
     default:
-      dev.ops_close(&dev);  // a start opens the module by itself
-      dev.ops_driver_init(&dev);
-      dev.ops_open(&dev);
+      dev.ops_close(&dev);
+      ask_bootloader(device);
   }
+}
+
+// The driver is idle, and a module that is well again can be opened and talked to.
+void expect_recovery(bio_dev& dev, wrx_module::Device& device) {
+  if (bio_get_dev_status(&dev) != DEVS_COMM_IDLE) std::abort();
+  dev.ops_close(&dev);
+  wrx_module::bus().faults().clear();
+  device.settings().bootloader.quirks.clear();
+  device.plug();
+  device.power_cycle();
+  const auto presence = device.present();
+  if (!presence || presence->mode != wrx_module::Mode::application) return;
+  if (dev.ops_open(&dev) != 0) std::abort();
+  dev.ops_clean(&dev, ACTION_START, kUser, 0, -1);
+  if (bio_get_dev_status(&dev) != DEVS_COMM_IDLE) std::abort();
+  dev.ops_close(&dev);
+  const wrx_module::LiveCounts live = wrx_module::bus().live();
+  if (live.handles != 0 || live.device_references != 0) std::abort();
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  wrx_fuzz::enter_scratch_folder();
-  bio_host_set_db_path("features.db");
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+  wrx_fuzz::enter_scratch_folder(*argc, *argv);
+  bio_host_set_db_path(kDatabase);
   bio_host_set_hook([](void*, bio_dev*, bio_event, int, const char*) {}, nullptr);
+  make_database();
+  carry_image();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  wrx_fuzz::Input input(data, size);
-  const uint8_t operation = input.byte(), faults = input.byte(), stop = input.byte();
+  Input input(data, size);
+  const uint8_t operation = input.byte(), kind = input.byte(), stop = input.byte();
+  const uint8_t counts = input.byte();
+  wrx_fuzz::write_file(kDatabase, good_database);
   wrx_test::VirtualClock clock;
-  wrx_module::Device device(clock, settings());
+  wrx_module::Device device(clock, settings(kind));
+  device.memory().templates[kSlot] = "thumb";
   wrx_module::bus().reset();
   wrx_module::bus().set_clock(clock);
   wrx_module::bus().attach(device);
-  for (int i = 0; i < faults % 4; ++i) {
-    wrx_module::bus().faults().add(
-        {input.byte() + 1, static_cast<wrx_module::FaultKind>(input.byte() % 12), input.byte()});
-  }
-  for (int i = 0; i < 13; ++i)
-    device.queue_press({});
+  add_faults(input, counts % 4);
+  device.settings().bootloader.quirks = boot_quirks(input, counts / 4 % 4);
+  for (int i = 0; i < kPresses; ++i)
+    device.queue_press({.finger = (counts & 0x80) != 0 ? "thumb" : "index"});
+
   bio_dev dev{};
   ops_configure(&dev, nullptr);
   dev.ops_open(&dev);
-  const int64_t stop_us = stop == 0 ? kStopAfterUs : stop * int64_t{50'000};
-  clock.at(clock.now_us() + stop_us, [&dev] { dev.ops_stop_by_user(&dev, 3000); });
-  while (!input.empty()) {
-    const std::string_view said = input.bytes(input.byte());
-    device.say_raw({said.begin(), said.end()});
-  }
-  operate(dev, operation);
-  if (bio_get_dev_status(&dev) != DEVS_COMM_IDLE) std::abort();
-  dev.ops_close(&dev);
+  // What nothing else ends, the stop ends.
+  Meanwhile meanwhile(input, clock.now_us() + (stop + 1) * int64_t{100'000}, dev, device);
+  clock.on_sleep = [&](int64_t) { meanwhile.pass(clock); };
+  operate(dev, device, operation);
   clock.join();
+  clock.on_sleep = nullptr;
+  expect_recovery(dev, device);
   g_free(dev.dev_priv);
   wrx_module::bus().reset();
   return 0;

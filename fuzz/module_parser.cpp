@@ -1,20 +1,28 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Whatever the module sends: the receive parser with every decoder behind it. The first bytes
-// choose what is expected and how the stream is cut; the same stream byte by byte must leave the
-// same records.
+// choose what is expected, the form of the rest and how the stream is cut; the same stream byte by
+// byte must leave the same records.
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <vector>
 
 #include "fp_device_param.h"
 #include "fuzz/scratch.h"
+#include "log.h"
+#include "module/packet.h"
 #include "protocol/packet.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  wrx_fuzz::enter_scratch_folder();
-  return 0;
-}
-
 namespace {
+
+// Forms, by bits.
+constexpr uint8_t kFramed = 1;  // the rest is payloads that go into sound packets, not a stream
+constexpr uint8_t kLogged = 2;  // the log file is switched on
+
+// Bits of a packet's type byte: an image packet; a payload that is its bytes many times over.
+constexpr uint8_t kImagePacket = 0x80, kRepeated = 0x40;
+
+constexpr std::size_t kImage = 92160;
 
 void begin(uint8_t command, uint8_t sub, uint8_t page) {
   std::memset(&prot_packet_usb, 0, sizeof prot_packet_usb);
@@ -31,13 +39,47 @@ void forget_time() {
   std::memset(&fp_device_param.onekey_powerup.tv_current_time, 0, sizeof(timeval));
 }
 
+void append_packet(std::string& stream, uint8_t type, std::string_view bytes, std::size_t times) {
+  std::vector<uint8_t> payload;
+  const bool image = (type & kImagePacket) != 0;
+  if ((type & kRepeated) == 0) times = 1;
+  for (std::size_t i = 0; i < times; ++i)
+    payload.insert(payload.end(), bytes.begin(), bytes.end());
+  if (image) payload.resize(kImage);
+  const auto packet = image ? wrx_module::image_packet(payload, (type & 1) != 0)
+                            : wrx_module::packet(type & 0xF, payload);
+  stream.append(packet.begin(), packet.end());
+}
+
+std::string framed(wrx_fuzz::Input input) {
+  std::string stream;
+  for (int packets = 0; !input.empty() && packets < 16; ++packets) {
+    const uint8_t type = input.byte(), size = input.byte(), times = input.byte();
+    append_packet(stream, type, input.bytes(size), times + std::size_t{1});
+  }
+  return stream;
+}
+
+void parse_in_pieces(std::string_view stream, std::size_t piece) {
+  for (; !stream.empty(); stream.remove_prefix(std::min(piece, stream.size()))) {
+    fp_parse_prot(reinterpret_cast<const uint8_t*>(stream.data()),
+                  static_cast<int32_t>(std::min(piece, stream.size())));
+  }
+}
+
 }  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+  wrx_fuzz::enter_scratch_folder(*argc, *argv);
+  return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   wrx_fuzz::Input input(data, size);
-  const uint8_t command = input.byte(), sub = input.byte(), page = input.byte();
-  const std::size_t piece = input.byte() + std::size_t{1};
-  const std::string_view stream = input.rest();
+  const uint8_t form = input.byte(), command = input.byte(), sub = input.byte();
+  const uint8_t page = input.byte(), cut = input.byte();
+  const std::string stream = (form & kFramed) != 0 ? framed(input) : std::string(input.rest());
+  enable_printf_log((form & kLogged) != 0 ? 1 : 0);
 
   begin(command, sub, page);
   for (const char byte : stream)
@@ -45,15 +87,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   forget_time();
   const auto packet = std::make_unique<PROT_PACKET>(prot_packet_usb);
   const auto state = std::make_unique<FP_DEVICE_PARAM_STRUCT>(fp_device_param);
+  const std::vector<uint8_t> copy(std::begin(usb_recv_data), std::end(usb_recv_data));
+  const uint16_t copied = usb_recv_cnt;
 
   begin(command, sub, page);
-  while (!input.empty()) {
-    const std::string_view part = input.bytes(piece);
-    fp_parse_prot(reinterpret_cast<const uint8_t*>(part.data()), static_cast<int32_t>(part.size()));
-  }
+  parse_in_pieces(stream, std::size_t{1} + std::size_t{2} * cut * cut);
   forget_time();
   if (std::memcmp(packet.get(), &prot_packet_usb, sizeof *packet) != 0 ||
-      std::memcmp(state.get(), &fp_device_param, sizeof *state) != 0) {
+      std::memcmp(state.get(), &fp_device_param, sizeof *state) != 0 ||
+      std::memcmp(copy.data(), usb_recv_data, sizeof usb_recv_data) != 0 ||
+      usb_recv_cnt != copied) {
     std::abort();
   }
   return 0;
