@@ -30,7 +30,7 @@ copy_programs() {
   cp "$packages/bin/udevadm" "$root/bin/"
   cp "$packages/usr/sbin/usbip" "$root/bin/"
   ln -s ../bin/udevadm "$root/bin/systemd-udevd"
-  cp "$build"/bin/wrx-session* "$build/bin/wrx-usbmon" "$root/usr/bin/"
+  cp "$build"/bin/wrx-session* "$build"/bin/wrx-{usbmon,endure} "$root/usr/bin/"
   cp "$here"/guest/* "$root/"
   chmod +x "$root/init"
   printf 'root:x:0:0:root:/root:/bin/sh\nann:x:1000:1000::/:/bin/sh\n' >"$root/etc/passwd"

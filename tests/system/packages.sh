@@ -3,7 +3,7 @@
 # scripts beside it.
 
 # Installed on the building machine.
-BUILD_PACKAGES="g++-aarch64-linux-gnu qemu-user-static ninja-build cmake pkg-config dpkg-dev
+BUILD_PACKAGES="g++-aarch64-linux-gnu qemu-user-static ninja-build cmake pkg-config dpkg-dev python3
   nlohmann-json3-dev libcli11-dev
   libusb-1.0-0-dev:arm64 libglib2.0-dev:arm64 libsqlite3-dev:arm64 libfmt-dev:arm64
   libgtest-dev:arm64 libgmock-dev:arm64"
@@ -15,11 +15,15 @@ as_root() {
   if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi
 }
 
-# Installs those of the packages that are missing.
+# Installs those of the packages that are missing; NAME:ARCHITECTURE is another machine's.
 install_packages() {
-  local missing="" package
-  dpkg --print-foreign-architectures | grep -qx arm64 || as_root dpkg --add-architecture arm64
+  local missing="" package architecture
   for package in "$@"; do
+    case $package in *:*)
+      architecture=${package##*:}
+      dpkg --print-foreign-architectures | grep -qx "$architecture" ||
+        as_root dpkg --add-architecture "$architecture" ;;
+    esac
     dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
       missing="$missing $package"
   done
@@ -31,14 +35,32 @@ install_packages() {
     apt-get install -q -y --no-install-recommends $missing >/dev/null
 }
 
+# download_packages ARCHITECTURE FOLDER PACKAGE…: downloads another machine's packages, once each.
+download_packages() {
+  local architecture=$1 folder=$2 package
+  shift 2
+  mkdir -p "$folder"
+  for package in "$@"; do
+    ls "$folder/$package"_*.deb >/dev/null 2>&1 ||
+      (cd "$folder" && apt-get download -q -o APT::Sandbox::User=root "$package:$architecture" >/dev/null)
+  done
+}
+
+# unpack_packages FOLDER ROOT: unpacks the folder's packages below ROOT, anew when there are others.
+unpack_packages() {
+  local deb
+  [ -e "$2/unpacked" ] && [ "$1" -ot "$2/unpacked" ] && return
+  rm -rf "$2"
+  mkdir -p "$2"
+  for deb in "$1"/*.deb; do dpkg-deb -x "$deb" "$2"; done
+  touch "$2/unpacked"
+}
+
 # Downloads the guest's packages into the folder $1, once.
 download_guest() {
-  local kernel package
+  local kernel
   kernel=$(apt-cache depends linux-image-arm64:arm64 | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p')
   [ -n "$kernel" ] || { echo "no arm64 kernel package is known here" >&2; return 1; }
-  mkdir -p "$1"
-  for package in "$kernel" $GUEST_PACKAGES; do
-    ls "$1/${package%:arm64}"_*.deb >/dev/null 2>&1 ||
-      (cd "$1" && apt-get download -q -o APT::Sandbox::User=root "${package%:arm64}:arm64" >/dev/null)
-  done
+  # shellcheck disable=SC2086
+  download_packages arm64 "$1" "${kernel%:arm64}" $GUEST_PACKAGES
 }

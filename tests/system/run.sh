@@ -5,6 +5,7 @@
 # guest itself says that all its scenarios have passed; otherwise its whole console is shown.
 #
 #   run.sh [WORD…]          only the scenarios whose names contain these words
+#   run.sh --endurance [N]  only the plugging in and out, a thousand or N times
 #   run.sh --packages-only  installs and downloads what the run needs, and no more
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -12,7 +13,13 @@ source=$(cd "$here/../.." && pwd)
 build=${WRX_ARM64_BUILD:-$source/build/arm64}
 out=$build/system
 guests=2
-limit=${WRX_GUEST_LIMIT:-180}  # seconds; an ordinary run takes less than two thirds of it
+limit=${WRX_GUEST_LIMIT:-300}  # seconds; on a free machine a run takes about a third of it
+cycles=100                     # of plugging in and out
+if [ "${1:-}" = --endurance ]; then
+  cycles=${2:-1000} guests=1
+  limit=$((120 + 3 * cycles))
+  set -- "plugged in and out again and again"
+fi
 . "$here/packages.sh"
 
 # shellcheck disable=SC2086
@@ -36,7 +43,8 @@ guest() {
   timeout "$limit" qemu-system-aarch64 -machine virt $accelerator -smp 1 -m 512 \
     -nodefaults -nographic -no-reboot -serial stdio \
     -kernel "$out/kernel" -initrd "$out/initramfs" \
-    -append "console=ttyAMA0 quiet panic=-1 oops=panic rdinit=/init -- $number $guests $*" \
+    -append "console=ttyAMA0 quiet panic=-1 oops=panic rdinit=/init ENDURED=$cycles \
+      -- $number $guests $*" \
     </dev/null 2>&1 | tee "$console" | sed -u -n 's/\r$//; /^\(PASS\|FAIL\|     \)/p' || true
 }
 

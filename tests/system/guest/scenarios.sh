@@ -292,6 +292,20 @@ wire_is_the_same() {
     fail "they differ: $(diff /run/inprocess.wire /run/kernel.wire | head -n 6)"
 }
 
+# One long-lived process; ENDURED is how often the module is plugged in and out on it.
+endurance() {
+  local module_held
+  plug_enrolled
+  tell "unplug"
+  until_true 5 "an empty bus" absent
+  module_held=$(ls /proc/$(cat /run/m.pid)/fd | wc -l)
+  wrx-endure /run/m $DATABASE "${ENDURED:-100}" >$OUT 2>&1 || fail "wrx-endure: $(cat $OUT)"
+  sed 's/^/     /' $OUT
+  [ "$(ls /proc/$(cat /run/m.pid)/fd | wc -l)" = "$module_held" ] ||
+    fail "the module holds $(ls -l /proc/$(cat /run/m.pid)/fd)"
+}
+
+# The guests take turns; the order shares the long ones out evenly.
 scenario "start with the module present" start_with_module
 scenario "autosuspend switched off" autosuspend_off
 scenario "module wakes from suspend" wakes_from_suspend
@@ -306,10 +320,11 @@ scenario "unplug in a clean" unplug_in_clean
 scenario "driver first, module later" plugged_in_later
 scenario "module of the older product id" older_product
 scenario "two modules" two_modules
-scenario "firmware upgrade interrupted and recovered" interrupted_upgrade
 scenario "firmware upgrade, 240 KiB" firmware_upgrade
+scenario "firmware upgrade interrupted and recovered" interrupted_upgrade
 scenario "one-shot mode and reboot flags" one_shot_flags
 scenario "served to the standard usbip tool" standard_tool
+scenario "plugged in and out again and again" endurance
 scenario "usbmon sees the wire of the in-process module" wire_is_the_same
 
 if dmesg | grep -E 'BUG|WARNING|Oops|Call trace'; then
