@@ -2,6 +2,7 @@
 // What each response stores, and that it stores nothing else: the whole state record is compared.
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -20,6 +21,11 @@ constexpr uint8_t kBefore = 0x5C;  // every byte of the record before a response
 struct Stores {
   size_t offset, size, count;
   int64_t value;
+  /// Where the value's `size` low bytes are, in either byte order.
+  const char* field() const {
+    const bool low_last = std::endian::native == std::endian::big;
+    return reinterpret_cast<const char*>(&value) + (low_last ? sizeof value - size : 0);
+  }
 };
 // A field, or the first `count` elements of an array, of the record.
 #define SET(field, value) FILL(field, 1, value)
@@ -169,7 +175,7 @@ TEST_F(Decoder, EachResponseStoresItsFieldsAndNothingElse) {
     std::memcpy(expected.get(), &fp_device_param, sizeof(State));
     for (const Stores& stored : row.stores) {
       for (size_t i = 0; i < stored.count; ++i)
-        std::memcpy(bytes + stored.offset + i * stored.size, &stored.value, stored.size);
+        std::memcpy(bytes + stored.offset + i * stored.size, stored.field(), stored.size);
     }
     if (row.payload == text(kVersion)) std::memcpy(expected->firmware_version, kVersion, 25);
     rig.trace.clear();
