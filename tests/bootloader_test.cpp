@@ -162,6 +162,9 @@ TEST(BootLink, OpeningsAndTransfersThatFailAsATrace) {
   wrx_module::bus().faults().clear();
   wrx_module::bus().faults().add({3, FaultKind::stall});
   wrx_module::bus().faults().add({6, FaultKind::timeout});
+  for (const auto& call : {readSN, eraseEFlash, securityCode, runAPP, checkCRC, selfTest})
+    bench.rig.step("command: closed", call);
+  bench.rig.step("init", upgrade_module_init);
   bench.rig.step("rewrite: a write stalls", upgrade_and_run);
   bench.rig.step("rewrite: a read times out", upgrade_and_run);
   EXPECT_EQ(golden_difference("boot-link", bench.rig.trace.lines()), "");
@@ -180,6 +183,7 @@ TEST(BootLink, AnInterfaceIsFoundByItsClass) {
   wrx_module::bus().refuse(Call::configuration_descriptor, LIBUSB_ERROR_IO);
   EXPECT_EQ(get_device_endpoint(&descriptor, &device), -1);
   boot_close_dev();
+  EXPECT_EQ(get_device_endpoint(&descriptor, &device), -1) << "released";
   EXPECT_EQ(Bench::live(), 0);
 }
 

@@ -189,6 +189,14 @@ TEST_F(Decoder, EachResponseStoresItsFieldsAndNothingElse) {
   EXPECT_EQ(golden_difference("responses", told), "");
 }
 
+TEST_F(Decoder, ASerialNumberThatIsNotThereIsARefusal) {
+  fp_resp_init(52);
+  const std::unique_ptr<uint8_t[]> short_of_one(new uint8_t[16]{});
+  prot_packet_usb.prot_size = 19;
+  EXPECT_EQ(fp_parse_prot_response(short_of_one.get(), 16), 0);
+  EXPECT_EQ(fp_resp_type_get(), 0xFF);
+}
+
 TEST_F(Decoder, OtherSubCommandsStoreNothing) {
   prot_packet_usb.current_sub_cmd_code = PROT_SUBCMD_SET_MODE;
   EXPECT_EQ(decode(175, {0, 5, 1, 2, 3, 4}), 0);

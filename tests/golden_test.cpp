@@ -102,6 +102,30 @@ TEST(Golden, EnrolmentWithEveryKindOfBadPress) {
   EXPECT_EQ(golden_difference("enroll", rig.trace.lines()), "");
 }
 
+// The press that woke the module matched as many templates as it can report, all of them nobody's.
+// The first identify takes that result and no other does. The finger on the sensor when the
+// enrolment begins is known.
+TEST(Golden, OneOfEachAfterAPowerUpPress) {
+  wrx_module::Settings settings = step_by_step();
+  settings.power_up.outcome = wrx_module::PowerUpOutcome::match;
+  settings.power_up.form = wrx_module::ResultForm::list;
+  for (uint16_t slot = 40; slot < 60; ++slot)
+    settings.power_up.slots.push_back(slot);
+  Rig rig(settings);
+  store(rig, Rig::kUser, 2);
+  rig.start();
+  rig.open();
+  rig.play("press finger21; press finger20 x3; press x13");
+  rig.identify();
+  rig.identify();
+  rig.verify();
+  rig.search();
+  rig.enroll(Rig::kUser, -1);
+  rig.list();
+  rig.clean();
+  EXPECT_EQ(golden_difference("one-of-each", rig.trace.lines()), "");
+}
+
 TEST(Golden, EnrolmentsThatFail) {
   // The first press passes the check for duplicates; the wait for presses begins at 100 ms. The
   // handle is lost in the payload of its second read.
@@ -139,7 +163,8 @@ TEST(Golden, IdentifiesThatFail) {
       {"refused with the flag of an old time-out",
        [](Rig& rig) { rig.play("refuse 50 27"), fp_set_ctrlFlag(FP_CONTROL_FLAG_TIMEOUT); }},
       {"module vanished", [](Rig& rig) { rig.lose_handle_at(11); }},
-      kRefused};
+      kRefused,
+      {"matched nothing", [](Rig& rig) { rig.play("press stranger"); }}};
   EXPECT_EQ(golden_difference("identify-endings", endings(all, [](Rig& rig) { rig.identify(); })),
             "");
 }

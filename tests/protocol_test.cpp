@@ -4,14 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 
 #include "fp_device_param.h"
 #include "log.h"
 #include "lower_rooms.h"
 #include "operations/module_procedures.h"
+#include "operations/operations.h"
 #include "protocol/packet.h"
 #include "transport/usb_device.h"
+#include "upgrade/upgrade.h"
 
 namespace wrx_test {
 namespace {
@@ -19,7 +22,7 @@ namespace {
 struct Procedure {
   const char* name;
   int32_t (*call)();
-  uint8_t code;
+  uint8_t code = 0;  ///< to have it refused
 };
 #define PROCEDURE(function, code) \
   { #function, function, code }
@@ -80,6 +83,59 @@ TEST(Procedures, InEveryEndingAsATrace) {
     lines.insert(lines.end(), trace.begin(), trace.end());
   }
   EXPECT_EQ(golden_difference("procedures", lines), "");
+}
+
+// Calls with every byte of their arguments in use, and calls that are refused or find no module.
+TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
+  Opened rig(Rig::instant());
+  std::array<uint16_t, wrx::kMaxMatches> matches{};
+  FP_AUTOIDENTIFY_PARAM_STRUCT& identify = fp_device_param.auto_identify_param;
+  FP_AUTOENROLL_PARAM_STRUCT& enroll = fp_device_param.auto_enroll_param;
+  std::memset(&identify, 0x5A, sizeof identify);
+  std::memset(&enroll, 0x5A, sizeof enroll);
+  const Procedure calls[] = {
+      {"fp_auto_enroll_start", [] { return fp_auto_enroll_start(0x1234, 9, 0xABCD); }},
+      {"fp_auto_enroll", [] { return fp_auto_enroll(50); }},
+      {"fp_cancel", fp_cancel},
+      {"fp_auto_identify", [] { return fp_auto_identify(5, 0x1234, 0xABCD, nullptr, 50); }},
+      {"fp_cancel", fp_cancel},
+      {"fp_delete_template", [] { return fp_delete_template(0x1234, 0x5678); }},
+      {"fp_read_index_table 4", [] { return fp_read_index_table(4); }},
+      {"fp_get_empty_enroll_id", [] { return int32_t{fp_get_empty_enroll_id()}; }},
+      {"fp_set_mode, too long", [] { return fp_set_mode("TEST", 100); }},
+      {"fp_parse_prot_head, not the packet", [] { return fp_parse_prot_head(nullptr, 1); }},
+      {"fp_read_and_parse_prot, no length", [] { return fp_read_and_parse_prot(0); }},
+      {"fp_send_cmd, nothing behind the code",
+       [] {
+         return fp_send_cmd(53, nullptr, 0, {64, 20, 3, 20});
+       }},
+      {"read_fw_version, no selection", read_fw_version},
+  };
+  for (const Procedure& row : calls)
+    rig.step(row.name, row.call);
+  for (const int type : {1, 2, 7, 8, 9}) {
+    prot_packet_usb.prot_type = static_cast<uint8_t>(type);
+    rig.step("fp_parse_prot_head " + std::to_string(type), [] {
+      return fp_parse_prot_head(reinterpret_cast<uint8_t*>(&prot_packet_usb),
+                                sizeof prot_packet_usb);
+    });
+  }
+  const auto powerup = [&] { return fp_onekey_powerup_identify(3, 1, 2, matches.data(), 10); };
+  rig.step("fp_onekey_powerup_identify", powerup);
+  std::strcpy(new_firmware_version, "another");
+  rig.info().config.upgrade_mode = DONT_UPGRADE;
+  const auto check = [&] { return wrx7700_check_firmware_version(&rig.dev); };
+  rig.step("wrx7700_check_firmware_version, not due", check);
+  rig.open();
+  rig.dev.dev_num = 0;
+  rig.step("fp_onekey_powerup_identify, closed meanwhile", powerup);
+  rig.device.unplug();
+  rig.step("fp_onekey_powerup_identify, no module", powerup);
+  usb_dev_close();
+  const auto start = [&] { return wrx7700_onekey_powerup_identify(&rig.dev); };
+  rig.step("wrx7700_onekey_powerup_identify, no module", start);
+  rig.step("wrx7700_check_firmware_version, no module", check);
+  EXPECT_EQ(golden_difference("arguments", rig.trace.lines()), "");
 }
 
 class Protocol : public testing::Test {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The bulk channel's exchanges and failures, the module's place on the bus, and its power files.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "frame/driver.h"
 #include "lower_rooms.h"
@@ -109,7 +110,8 @@ TEST_F(Transport, ABlockSignsDirectionAnd24BitsOfLength) {
     int32_t (*announce)(int32_t);
     int32_t length;
     const char* block;
-  } rows[] = {{usb_prepare_send, 12, "55534243000c0000"},
+  } rows[] = {{usb_prepare_send, 1, "5553424300010000"},
+              {usb_prepare_send, 12, "55534243000c0000"},
               {usb_prepare_send, 16777217, "5553424300010000"},
               {usb_prepare_read, 0x123456, "5553424380563412"}};
   for (const auto& row : rows) {
@@ -178,6 +180,12 @@ TEST_F(Transport, PlacesOnTheBusAndPowerFilesAsATrace) {
     rig.step("path", usb_dev_get_port_path);
     EXPECT_EQ(usb_dev_get_port_path_valid_flag(), 1);
   }
+  const auto free_descriptor = [] {
+    const int fd = dup(0);
+    close(fd);
+    return fd;
+  };
+  const int free_before = free_descriptor();
   usb_set_autosuspend_flag(1);
   rig.step("enable: no such files", usb_dev_enable_autosuspend);
   for (const char* name : files)
@@ -190,6 +198,7 @@ TEST_F(Transport, PlacesOnTheBusAndPowerFilesAsATrace) {
   }
   usb_set_autosuspend_flag(0);
   rig.step("disable: whatever the switch", usb_dev_disable_autosuspend);
+  EXPECT_EQ(free_descriptor(), free_before);
   rig.show_file(power + "control");
   rig.device.settings().usb.product = 0x5100;
   rig.step("path: another model", usb_dev_get_port_path);

@@ -204,6 +204,8 @@ TEST(Upgrade, WaysToRefuseARewriteEachGiveTheirResult) {
   std::filesystem::rename(new_firmware_name, "away");
   EXPECT_EQ(rig.time_of([&] { EXPECT_EQ(pt(1), -2) << "no image is never retried"; }), 0);
   EXPECT_EQ(wrx7700_upgrade_pt_notdelay(&rig.dev, 0), -2);
+  rig.write_file(new_firmware_name, image_of(kFlash));
+  EXPECT_EQ(check_file_exit(), 0);
   rig.write_file(new_firmware_name, image_of(kFlash + 1));
   EXPECT_EQ(wrx7700_upgrade_pt_notdelay(&rig.dev, 0), -1);
   rig.device.cut_power();
@@ -231,6 +233,11 @@ TEST(Upgrade, FilesAreMeasuredAndRemoved) {
   EXPECT_EQ(rm_firmware_file(), 0);
   EXPECT_TRUE(std::filesystem::is_empty(kExtraFolder));
   EXPECT_EQ(rig.trace.count("rm_firmware_file] rm "), 2);
+  EXPECT_EQ(read_fw_version(), -1) << "nothing is selected";
+  rig.install_firmware("", "x");
+  EXPECT_EQ(read_fw_version(), 0);
+  rig.write_file(std::string(kExtraFolder) + "trv_fw.conf", "");
+  EXPECT_EQ(read_fw_version(), -1) << "an empty file";
 }
 
 }  // namespace

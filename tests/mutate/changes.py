@@ -19,7 +19,7 @@ OPERATORS = {
     "^": "|", "+=": "-=", "-=": "+=", "^=": "|=", "|=": "&=", ">>=": "<<=",
 }
 KEYWORDS = {"if", "for", "while", "switch", "return", "static_assert", "else", "do", "case", "sizeof"}
-COMMUTATIVE = {"min", "max", "memcmp"}
+COMMUTATIVE = {"min", "max", "memcmp", "calloc"}
 SIMPLE = r"[\w.:\[\]&*>-]+(?:\([^(),]*\))?"  # an argument without operators
 
 
@@ -163,13 +163,20 @@ def drop_changes(code):
         yield start, end, DROPPED
 
 
+def meet(one, other):
+    """Whether two statements could see each other: both are calls, or they name something alike."""
+    (first, is_call), (second, is_other_call) = one, other
+    return is_call and is_other_call or (is_call or is_other_call) and bool(
+        set(re.findall(r"[A-Za-z]\w+", first)) & set(re.findall(r"[A-Za-z]\w+", second)))
+
+
 def statement_swaps(code):
-    """Two neighbours, of which one at least is a call, change places."""
+    """Two neighbours that could see each other change places."""
     previous = None
     for start, end, call in statements(code):
         if previous is not None:
             gap = code[previous[1]:start]
-            if (call or previous[2]) and re.fullmatch(r"\n *", gap) and code[previous[0] - 1] in " \n" \
+            if meet((code[start:end], call), (code[previous[0]:previous[1]], previous[2])) and re.fullmatch(r"\n *", gap) and code[previous[0] - 1] in " \n" \
                     and code[:previous[0]].rstrip(" ")[-1:] == "\n":
                 yield previous[0], end, (code[start:end], gap, code[previous[0]:previous[1]])
                 previous = None
@@ -180,7 +187,7 @@ def statement_swaps(code):
 def argument_swaps(code):
     """The first two neighbours among the arguments of a call that could be mistaken."""
     pair = re.compile(rf"({SIMPLE}), +({SIMPLE})(?=[,)}}])")
-    for m in re.finditer(r"(\w+)?([({])(?=[^\n]*,)", code):
+    for m in re.finditer(r"(\w+)?(?:<[\w:]+>)?([({])(?=[^\n]*,)", code):
         if m[1] in KEYWORDS | COMMUTATIVE:
             continue
         end = closing(code, m.end() - 1)

@@ -65,6 +65,6 @@ std::string quoted(const char* text);
 
 /// Compares with tests/golden/<name>.txt; returns an explanation of the first difference, or
 /// nothing. With WRX_UPDATE_GOLDEN set, the file is written anew instead.
-std::string golden_difference(const std::string& name, const std::vector<std::string>& lines);
+std::string golden_difference(const std::string& name, std::vector<std::string> lines);
 
 }  // namespace wrx_test

@@ -16,6 +16,7 @@
 #include "log.h"
 #include "module/script.h"
 #include "paths.h"
+#include "support/records.h"
 #include "transport/usb_device.h"
 
 namespace wrx_test {
@@ -190,14 +191,18 @@ std::vector<int> Rig::asked() {
 
 void Rig::stop_at(int64_t at_ms, int waiting_ms) {
   clock.at(clock.now_us() + at_ms * 1000, [this, waiting_ms] {
-    step(fmt::format("ops_stop_by_user {}", waiting_ms),
-         [&] { return dev.ops_stop_by_user(&dev, waiting_ms); });
+    trace.note(fmt::format("begin ops_stop_by_user {}", waiting_ms));
+    const int result = dev.ops_stop_by_user(&dev, waiting_ms);
+    trace.note(fmt::format("step ops_stop_by_user result={}", result));
   });
 }
 
 int Rig::step(const std::string& name, const std::function<int()>& call) {
   trace.note("begin " + name);
+  const auto before = record_contents();
   const int result = call();
+  for (const std::string& line : record_changes(before))
+    trace.note(line);
   trace.note(fmt::format("step {} result={}", name.substr(0, name.find(' ')), result));
   return result;
 }

@@ -69,7 +69,8 @@ class Rig {
   /// Lets a user's stop come, on a thread of its own, `at_ms` from now.
   void stop_at(int64_t at_ms, int waiting_ms = 3000);
 
-  // ---- the driver, called as a service does; each call is a step of the trace
+  // ---- the driver, called as a service does; each call is a step of the trace, which ends with
+  // what it left in the driver's records
 
   int configure();
   int driver_init();
