@@ -67,6 +67,16 @@ std::string parsed(Rig& rig, const std::string& stream, size_t split) {
   return text;
 }
 
+// Data of a frame whose check byte would also fit what is left when its bytes are counted in 16
+// bits.
+std::string good_at_its_end() {
+  std::string data = image_of(65535);
+  do {
+    ++data[0];
+  } while (Check_BCC(reinterpret_cast<const uint8_t*>(frame(0xA0, data).data()) + 65536, 5) != 0);
+  return data;
+}
+
 TEST(BootParser, EveryFrameInEverySplit) {
   Rig rig;
   const std::string good = frame(kErase, std::string(1, '\0'));
@@ -88,6 +98,7 @@ TEST(BootParser, EveryFrameInEverySplit) {
       {"1024 bytes", frame(0xA0, image_of(1018))},
       {"1025 bytes", frame(0xA0, image_of(1019))},
       {"65541 bytes", frame(0xA0, image_of(65535))},
+      {"65541 bytes, the last five of which would be good", frame(0xA0, good_at_its_end())},
   };
   std::string told;
   for (const auto& [name, stream] : rows) {
@@ -159,12 +170,17 @@ TEST(BootLink, OpeningsAndTransfersThatFailAsATrace) {
     wrx_module::bus().refuse(Call::device_descriptor, 0, 0);
     EXPECT_EQ(boot_open_dev() + boot_close_dev(), 0) << row.what;
   }
+  for (const auto& call : {readSN, eraseEFlash, securityCode, runAPP})
+    bench.rig.step("command: closed", call);
+  upgrade_param.udev.bInterfaceNumber = 9;
+  bench.rig.step("open", boot_open_dev);
+  bench.rig.step("read: no room", [] { return boot_read_usb(nullptr, 64); });
+  bench.rig.step("serial number", readSN);
+  bench.rig.step("close", boot_close_dev);
+  bench.rig.step("init", upgrade_module_init);
   wrx_module::bus().faults().clear();
   wrx_module::bus().faults().add({3, FaultKind::stall});
   wrx_module::bus().faults().add({6, FaultKind::timeout});
-  for (const auto& call : {readSN, eraseEFlash, securityCode, runAPP, checkCRC, selfTest})
-    bench.rig.step("command: closed", call);
-  bench.rig.step("init", upgrade_module_init);
   bench.rig.step("rewrite: a write stalls", upgrade_and_run);
   bench.rig.step("rewrite: a read times out", upgrade_and_run);
   EXPECT_EQ(golden_difference("boot-link", bench.rig.trace.lines()), "");

@@ -115,7 +115,7 @@ TEST(Golden, OneOfEachAfterAPowerUpPress) {
   store(rig, Rig::kUser, 2);
   rig.start();
   rig.open();
-  rig.play("press finger21; press finger20 x3; press x13");
+  rig.play("press finger21; press finger20 x2; press finger21; press x13");
   rig.identify();
   rig.identify();
   rig.verify();
@@ -136,6 +136,8 @@ TEST(Golden, EnrolmentsThatFail) {
       {"start refused", [](Rig& rig) { rig.play("press; refuse 49 27"); }},
       {"library full", [](Rig& rig) { rig.play("press; refuse 49 31"); }},
       {"slot refused", [](Rig& rig) { rig.play("press; refuse 49 11"); }},
+      {"no database",
+       [](Rig& rig) { rig.write_file("feature.db", "nobody's"), rig.play("press"); }},
       {"no index table", [](Rig& rig) { rig.play("refuse 31 27 x2; press late"); }},
       {"no slot free", [](Rig& rig) { store(rig, 2000, 10), store(rig, 3000, 10); }},
       {"tenth finger of the user", [](Rig& rig) { store(rig, Rig::kUser, 10); }},

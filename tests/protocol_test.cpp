@@ -102,9 +102,15 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
       {"fp_delete_template", [] { return fp_delete_template(0x1234, 0x5678); }},
       {"fp_read_index_table 4", [] { return fp_read_index_table(4); }},
       {"fp_get_empty_enroll_id", [] { return int32_t{fp_get_empty_enroll_id()}; }},
+      {"fp_set_mode, longest",
+       [] { return fp_set_mode(reinterpret_cast<char*>(fp_device_param.img_data), 64); }},
       {"fp_set_mode, too long", [] { return fp_set_mode("TEST", 100); }},
       {"fp_parse_prot_head, not the packet", [] { return fp_parse_prot_head(nullptr, 1); }},
       {"fp_read_and_parse_prot, no length", [] { return fp_read_and_parse_prot(0); }},
+      {"fp_send_cmd, too long",
+       [] {
+         return fp_send_cmd(53, &prot_packet_usb.prot_type, 93160, {64, 20, 3, 20});
+       }},
       {"fp_send_cmd, nothing behind the code",
        [] {
          return fp_send_cmd(53, nullptr, 0, {64, 20, 3, 20});
@@ -116,6 +122,7 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
   for (const int type : {1, 2, 7, 8, 9}) {
     prot_packet_usb.prot_type = static_cast<uint8_t>(type);
     rig.step("fp_parse_prot_head " + std::to_string(type), [] {
+      fp_resp_init(PROT_CMD_READINFOPAGE);
       return fp_parse_prot_head(reinterpret_cast<uint8_t*>(&prot_packet_usb),
                                 sizeof prot_packet_usb);
     });
@@ -130,6 +137,8 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
   rig.dev.dev_num = 0;
   rig.step("fp_onekey_powerup_identify, closed meanwhile", powerup);
   rig.device.unplug();
+  for (const Procedure& row : {calls[0], calls[3]})
+    rig.step(row.name, row.call);
   rig.step("fp_onekey_powerup_identify, no module", powerup);
   usb_dev_close();
   const auto start = [&] { return wrx7700_onekey_powerup_identify(&rig.dev); };

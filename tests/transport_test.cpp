@@ -174,7 +174,8 @@ TEST_F(Transport, PlacesOnTheBusAndPowerFilesAsATrace) {
     EXPECT_EQ(usb_get_dev_handle() != nullptr, opened);
     rig.step("close", usb_dev_close);
   }
-  const std::vector<uint8_t> places[] = {{}, {1, 2}, {255, 254, 253, 252, 251, 250, 9}, {2}};
+  const std::vector<uint8_t> places[] = {
+      {}, {1, 2}, {1, 255, 254, 253, 252, 251, 9}, {255, 254, 253, 252, 251, 250, 9}, {2}};
   for (const auto& ports : places) {
     rig.device.settings().usb.ports = ports;
     rig.step("path", usb_dev_get_port_path);

@@ -118,7 +118,8 @@ std::string story(Rig& rig) {
   for (const std::string& line : rig.trace.driver_lines()) {
     for (const char* teller :
          {":read_fw_version]", ":wrx7700_check_firmware_version]", ":check_file_exit]",
-          ":wrx7700_upgrade_pt]", ":change_fw_upgrade_flag]", ":set_upgrade_state]"}) {
+          ":wrx7700_upgrade_pt]", ":change_fw_upgrade_flag]", ":set_upgrade_state]",
+          ":upgrade_and_run]"}) {
       if (line.find(teller) != std::string::npos) told += line + "\n";
     }
   }
@@ -140,6 +141,8 @@ TEST(Upgrade, SelectionsAndDecisionsAsATrace) {
       {"ACM32FP_V123", folder + "ACM32FP_V12.bin", "FORCE_UPGRADE\nUpgradeFlag=1"},
       {"ACM32FP_V 7b\n", folder + "ACM32FP_V 7b.bin", "FORCE_UPGRADE\nUpgradeFlag=1"},
       {"other\n", folder + "other.bin", "FORCE_UPGRADE\nUpgradeFlag=1"},
+      {"ACM32FP_V99999999999\n", folder + "ACM32FP_V99999999999.bin",
+       "FORCE_UPGRADE\nUpgradeFlag=1", 1},
       // No room for ".bin".
       {longest + "\n", (folder + longest).substr(0, 255), "FORCE_UPGRADE\nUpgradeFlag=1"},
       {longest + "x\n", "", "FORCE_UPGRADE\nUpgradeFlag=1", 300, false},
@@ -208,6 +211,7 @@ TEST(Upgrade, WaysToRefuseARewriteEachGiveTheirResult) {
   EXPECT_EQ(check_file_exit(), 0);
   rig.write_file(new_firmware_name, image_of(kFlash + 1));
   EXPECT_EQ(wrx7700_upgrade_pt_notdelay(&rig.dev, 0), -1);
+  EXPECT_TRUE(rig.trace.saw("upgrade_and_run] /etc/wrx6600/extra/ACM32FP_V101.bin file_size = "));
   rig.device.cut_power();
   EXPECT_EQ(rig.time_of([&] { EXPECT_EQ(pt(0), -1) << "one attempt"; }), 0);
   EXPECT_EQ(rig.time_of([&] { EXPECT_EQ(pt(1), -1) << "ten attempts"; }), 10000);
