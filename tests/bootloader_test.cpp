@@ -170,6 +170,8 @@ TEST(BootLink, OpeningsAndTransfersThatFailAsATrace) {
     wrx_module::bus().refuse(Call::device_descriptor, 0, 0);
     EXPECT_EQ(boot_open_dev() + boot_close_dev(), 0) << row.what;
   }
+  upgrade_param.udev = {};
+  bench.rig.step("init", upgrade_module_init);
   for (const auto& call : {readSN, eraseEFlash, securityCode, runAPP})
     bench.rig.step("command: closed", call);
   upgrade_param.udev.bInterfaceNumber = 9;
@@ -177,7 +179,6 @@ TEST(BootLink, OpeningsAndTransfersThatFailAsATrace) {
   bench.rig.step("read: no room", [] { return boot_read_usb(nullptr, 64); });
   bench.rig.step("serial number", readSN);
   bench.rig.step("close", boot_close_dev);
-  bench.rig.step("init", upgrade_module_init);
   wrx_module::bus().faults().clear();
   wrx_module::bus().faults().add({3, FaultKind::stall});
   wrx_module::bus().faults().add({6, FaultKind::timeout});

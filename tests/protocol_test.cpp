@@ -134,8 +134,9 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
   const auto check = [&] { return wrx7700_check_firmware_version(&rig.dev); };
   rig.step("wrx7700_check_firmware_version, not due", check);
   rig.open();
-  rig.dev.dev_num = 0;
+  rig.lose_handle_at(9);
   rig.step("fp_onekey_powerup_identify, closed meanwhile", powerup);
+  rig.open();
   rig.device.unplug();
   for (const Procedure& row : {calls[0], calls[3]})
     rig.step(row.name, row.call);
