@@ -73,6 +73,8 @@ void decode_index_table(const Payload& payload, CallSite site) {
   if (!payload.has(1, kIndexPageSize)) {
     WRX_LOG(site, "index table of %d bytes is too short, dropped.\r\n",
             static_cast<int>(payload.size()));
+    // A late answer to something else is no page, least of all one that is free throughout.
+    if (payload.confirm() == PROT_RESP_OK) prot_packet_usb.current_resp_type = kNoAnswer;
     return;
   }
   std::memcpy(fp_device_param.index_table_info[page], payload.at(1), kIndexPageSize);
