@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "fingers.h"
+#include "fp_device_param.h"
 #include "host/common/driver_texts.h"
 #include "words.h"
 
@@ -135,6 +136,23 @@ Report identify(Client& client) {
           {{"uid", found}, {"known_to_module", true}}};
 }
 
+/// Of what the driver found, what holds a slot that the module matched, each once: it reads a match
+/// again by its index, and gives the fingers that other users have under that index as well.
+std::vector<Finger> matched(const host::PluginHost& plugin, const std::vector<Finger>& found) {
+  const auto& seen =
+      plugin.function<FP_DEVICE_PARAM_STRUCT>("fp_device_param")->auto_identify_param.search_id;
+  std::vector<Finger> result;
+  for (const Finger& finger : found) {
+    const auto same = [&](const Finger& other) {
+      return other.uid == finger.uid && other.index == finger.index;
+    };
+    if (std::ranges::find_first_of(finger.slots, seen) != finger.slots.end() &&
+        std::ranges::none_of(result, same))
+      result.push_back(finger);
+  }
+  return result;
+}
+
 Report search(Client& client) {
   const Options& options = client.options();
   const IndexRange range = selected(options);
@@ -142,7 +160,7 @@ Report search(Client& client) {
   const Outcome outcome = client.operate(tr("Searching: touch the sensor."), [&](bio_dev& device) {
     list = device.ops_search(&device, ACTION_START, options.uid, range.first, range.last);
   });
-  const auto found = taken(list);
+  const auto found = matched(client.plugin(), taken(list));
   if (!answered(outcome)) return unanswered(client, outcome);
   return {outcome, result_words(client) + ".", lines(found), {{"fingers", array(found)}}};
 }

@@ -141,6 +141,13 @@ class EveryCommand(unittest.TestCase):
         self.assertEqual(events.count("progress"), 12)
         self.assertEqual(events.count("notify"), 1 + 12 + 1)  # begin, a line a press, the bad one
 
+    def test_SearchNamesTheFingerAloneThatIsOnTheSensor(self):
+        client = support.Client(self)
+        for user, finger in ((7, "thumb"), (8, "index")):
+            self.assertEqual(client.ask(f"enroll --uid {user} --index 0", f"press {finger} x16")[0], 0)
+        _, lines = client.ask("search", "press index x9")
+        self.assertEqual([(each["uid"], each["slots"]) for each in lines[-1]["fingers"]], [(8, [21])])
+
     def test_EndsWithCtrlC(self):
         for command in ("verify --uid 1000 --index 0", "identify", "search", "enroll"):
             code, lines = support.Client(self).interrupt(command, "lift", ["touch the sensor"])
