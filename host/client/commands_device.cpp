@@ -10,7 +10,6 @@
 namespace wrx::client {
 namespace {
 
-using host::Failure;
 using host::Outcome;
 
 nlohmann::json usb_ids(const bio_dev& device) {
