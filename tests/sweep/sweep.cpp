@@ -141,8 +141,8 @@ int replay(const std::string& name) {
   return totals.failed == 0 ? 0 : 1;
 }
 
-int write_page(const std::string& path) {
-  Cells shown = single_faults();
+// Of the cells, those of one kind of module that nobody stops, each with its trace.
+int write_page(Cells shown, const std::string& path) {
   std::erase_if(shown, [](const Cell& cell) {
     const Setting& setting = cell.setting;
     return setting.empty != EmptyRead::answers_empty || setting.packet != 64 || setting.stop;
@@ -184,7 +184,10 @@ int main(int argc, char** argv) {
                  "OPERATION:TRANSFER+TRANSFER:FAULT+FAULT");
   app.add_flag("--sample", sampled, "a fixed sample of single faults and of pairs");
   app.add_flag("--pairs", paired, "two faults: every pair in an enrolment, a sample in an upgrade");
-  app.add_option("--only", only, "only the operation of this name");
+  app.add_option("--only", only, "only the operation of this name")
+      ->check([](const std::string& name) {
+        return operation_named(name) != nullptr ? "" : "no operation is named " + name;
+      });
   app.add_option("--jobs", jobs, "worker processes, one a core unless told")
       ->check(CLI::Range(1U, 256U));
   app.add_option("--html", page, "write a page on what the user meets to this file");
@@ -192,10 +195,9 @@ int main(int argc, char** argv) {
   for (const int signal : {SIGSEGV, SIGABRT, SIGALRM, SIGFPE, SIGBUS})
     ::signal(signal, say_where);
   if (!cell.empty()) return replay(cell);
-  if (!page.empty()) return write_page(page);
   Cells cells = paired ? pairs() : sampled ? sample() : single_faults();
   if (!only.empty()) std::erase_if(cells, [&](const Cell& c) { return c.operation->name != only; });
-  return sweep_cells(cells, jobs);
+  return page.empty() ? sweep_cells(cells, jobs) : write_page(cells, page);
 }
 
 }  // namespace sweep
