@@ -180,7 +180,7 @@ TEST_F(Decoder, EachResponseStoresItsFieldsAndNothingElse) {
     if (row.payload == text(kVersion)) std::memcpy(expected->firmware_version, kVersion, 25);
     rig.trace.clear();
     EXPECT_EQ(decode(row.code, row.payload), 0);
-    EXPECT_EQ(std::memcmp(&fp_device_param, expected.get(), sizeof(State)), 0);
+    EXPECT_TRUE(same_bytes(fp_device_param, *expected));
     EXPECT_EQ(prot_packet_usb.current_resp_cmd, row.code);
     told.push_back(std::string("== ") + row.fact);
     for (const std::string& line : rig.trace.driver_lines())

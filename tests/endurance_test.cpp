@@ -39,7 +39,7 @@ Held held() {
 // Runs `round`; nothing grows in the second half of the rounds.
 template <typename Round>
 void expect_flat(Rig& rig, int count, Round round) {
-  constexpr size_t kSlack = 64 * 1024;
+  constexpr size_t kSlack = size_t{64} * 1024;
   Held before;
   for (int i = 0; i < count; ++i) {
     if (i == count / 2) before = held();
@@ -174,7 +174,7 @@ TEST(Reenumeration, WithTheNewHereBeforeTheOldIsGone) {
       rig.install_firmware("ACM32FP_V101", image_of(481));
       rig.start();
       rig.clock.join();
-      const std::string version = std::to_string(boot.memory().version);
+      std::string version = std::to_string(boot.memory().version);
       wrx_module::bus().detach(boot);
       return version;
     });

@@ -4,10 +4,11 @@
 #include "support/module_host.h"
 
 using namespace wrx_module;
-using wrx_test::Bytes, wrx_test::packet, wrx_test::operator+;
-using ModuleApplication = wrx_test::ModuleHost;
 
+namespace wrx_test {
 namespace {
+
+using ModuleApplication = ModuleHost;
 
 // What each command answers on a module that holds a template in slot 21 only.
 TEST_F(ModuleApplication, CommandsAnswerAsTheModuleDoes) {
@@ -148,3 +149,4 @@ TEST_F(ModuleApplication, ThePowerUpResultIsGivenOnceToWhoMayHaveIt) {
 }
 
 }  // namespace
+}  // namespace wrx_test

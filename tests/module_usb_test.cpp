@@ -4,10 +4,11 @@
 #include "support/module_host.h"
 
 using namespace wrx_module;
-using wrx_test::Bytes, wrx_test::packet, wrx_test::operator+;
-using ModuleUsb = wrx_test::ModuleHost;
 
+namespace wrx_test {
 namespace {
+
+using ModuleUsb = ModuleHost;
 
 TEST_F(ModuleUsb, AWaitEndsByDataByUnplugOrByItsLimit) {
   Bytes data(64);
@@ -70,3 +71,4 @@ TEST_F(ModuleUsb, FaultsStrikeTheTransferTheyAreMeantFor) {
 }
 
 }  // namespace
+}  // namespace wrx_test

@@ -49,7 +49,7 @@ constexpr Procedure kProcedures[] = {
 };
 
 struct Opened : Rig {
-  explicit Opened(wrx_module::Settings settings) : Rig(std::move(settings)) {
+  explicit Opened(const wrx_module::Settings& settings) : Rig(settings) {
     configure();
     open();
     fp_device_param.index_table_page = 3;

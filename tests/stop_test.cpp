@@ -61,7 +61,7 @@ TEST(Stop, EndsAnEnrolmentAtAnyMomentAndStoresNothing) {
     const auto answered = stopped(rig, at_ms, [&] { return rig.enroll(); });
     // The duplicate check waits from 40 to 160. A stop ends it, but is acted on by the wait for
     // presses, which a cancel, the index table and the start keep back.
-    const int64_t check = std::max<int64_t>(40 - at_ms, 20) + 3 * 20;
+    const int64_t check = std::max<int64_t>(40 - at_ms, 20) + int64_t{3} * 20;
     if (answered) {
       EXPECT_LE(*answered, (at_ms < 160 ? check : 30) + kCancelMs);
       EXPECT_TRUE(rig.stored().empty());

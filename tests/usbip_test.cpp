@@ -16,13 +16,11 @@
 #include "support/bytes.h"
 #include "support/virtual_clock.h"
 
+namespace wrx_test {
 namespace {
 
 using namespace wrx_module;
-using usbip::Bytes;
 using usbip::Descriptor;
-
-using wrx_test::operator+;
 
 Bytes be(uint32_t value) {
   return {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
@@ -288,3 +286,4 @@ TEST_F(Usbip, ARunningModuleIsToldAndReports) {
 }
 
 }  // namespace
+}  // namespace wrx_test

@@ -36,6 +36,13 @@ inline Bytes operator+(Bytes left, const Bytes& right) {
   return left;
 }
 
+/// Whether two records are alike in memory, padding and all.
+template <typename Record>
+bool same_bytes(const Record& one, const Record& other) {
+  const auto* bytes = reinterpret_cast<const uint8_t*>(&one);
+  return std::equal(bytes, bytes + sizeof one, reinterpret_cast<const uint8_t*>(&other));
+}
+
 inline std::string hex(const Bytes& bytes) {
   return wrx_module::trace_bytes({bytes.data(), bytes.size()});
 }

@@ -30,7 +30,7 @@ template <typename Function>
 Function* next(Function*, const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
-#define NEXT(function) next(&function, #function)
+#define NEXT(function) next(&(function), #function)
 
 int list_length(const feature_info* list) {
   int length = 0;

@@ -75,8 +75,8 @@ wrx_module::Settings Rig::instant() {
   return settings;
 }
 
-Rig::Rig(wrx_module::Settings settings)
-    : device(clock, std::move(settings)), scratch_(enter_scratch_folder()) {
+Rig::Rig(const wrx_module::Settings& settings)
+    : device(clock, settings), scratch_(enter_scratch_folder()) {
   speak_of_failures();
   wrx_module::bus().reset();
   wrx_module::bus().set_clock(clock);

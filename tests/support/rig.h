@@ -35,7 +35,7 @@ class Rig {
 
   /// A bench with one instant module that answers empty reads at once, unless `settings` say
   /// otherwise.
-  explicit Rig(wrx_module::Settings settings = instant());
+  explicit Rig(const wrx_module::Settings& settings = instant());
   ~Rig();
   Rig(const Rig&) = delete;
   Rig& operator=(const Rig&) = delete;

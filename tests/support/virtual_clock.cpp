@@ -107,7 +107,7 @@ void VirtualClock::at(int64_t at_us, std::function<void()> action) {
 
 void VirtualClock::join() {
   while (alive_ > 0)
-    sleep_us(1000);
+    VirtualClock::sleep_us(1000);
   for (std::thread& thread : threads_)
     thread.join();
   threads_.clear();

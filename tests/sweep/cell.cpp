@@ -391,9 +391,9 @@ std::vector<Transfer> transfers_of(const Cell& cell) {
   Outcome ignored;
   world.run(ignored);
   wrx_module::bus().set_trace({});
-  std::vector<Transfer> transfers;
-  for (const wrx_module::TraceRecord& record : seen)
-    transfers.push_back({role_of(record)});
+  std::vector<Transfer> transfers(seen.size());
+  std::ranges::transform(seen, transfers.begin(),
+                         [](const auto& record) { return Transfer{role_of(record)}; });
   mark_waits(seen, transfers);
   return transfers;
 }

@@ -10,7 +10,9 @@
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <set>
 #include <thread>
@@ -174,7 +176,7 @@ Cells sample() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   CLI::App app("Every fault at every transfer of every operation.");
   std::string cell, page, only;
   unsigned jobs = std::max(1U, std::thread::hardware_concurrency());
@@ -203,5 +205,10 @@ int main(int argc, char** argv) {
 }  // namespace sweep
 
 int main(int argc, char** argv) {
-  return sweep::main(argc, argv);
+  try {
+    return sweep::run(argc, argv);
+  } catch (const std::exception& trouble) {
+    std::fprintf(stderr, "sweep: %s\n", trouble.what());
+    return 2;
+  }
 }
