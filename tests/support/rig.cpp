@@ -191,6 +191,7 @@ std::vector<int> Rig::asked() {
 
 void Rig::stop_at(int64_t at_ms, int waiting_ms) {
   clock.at(clock.now_us() + at_ms * 1000, [this, waiting_ms] {
+    // No step(): the records are the operation's, on the other thread.
     trace.note(fmt::format("begin ops_stop_by_user {}", waiting_ms));
     const int result = dev.ops_stop_by_user(&dev, waiting_ms);
     trace.note(fmt::format("step ops_stop_by_user result={}", result));

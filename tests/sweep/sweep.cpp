@@ -174,9 +174,7 @@ Cells sample() {
   return cells;
 }
 
-}  // namespace
-
-int run(int argc, char** argv) {
+int run_program(int argc, char** argv) {
   CLI::App app("Every fault at every transfer of every operation.");
   std::string cell, page, only;
   unsigned jobs = std::max(1U, std::thread::hardware_concurrency());
@@ -185,28 +183,31 @@ int run(int argc, char** argv) {
                  "run OPERATION:TRANSFER:FAULT[:settings] and show its trace; two faults as "
                  "OPERATION:TRANSFER+TRANSFER:FAULT+FAULT");
   app.add_flag("--sample", sampled, "a fixed sample of single faults and of pairs");
-  app.add_flag("--pairs", paired, "two faults: every pair in an enrolment, a sample in an upgrade");
+  auto* pairs_option = app.add_flag(
+      "--pairs", paired, "two faults: every pair in an enrolment, a sample in an upgrade");
   app.add_option("--only", only, "only the operation of this name")
       ->check([](const std::string& name) {
         return operation_named(name) != nullptr ? "" : "no operation is named " + name;
       });
   app.add_option("--jobs", jobs, "worker processes, one a core unless told")
       ->check(CLI::Range(1U, 256U));
-  app.add_option("--html", page, "write a page on what the user meets to this file");
+  app.add_option("--html", page, "write a page on what the user meets to this file")
+      ->excludes(pairs_option);
   CLI11_PARSE(app, argc, argv);
   for (const int signal : {SIGSEGV, SIGABRT, SIGALRM, SIGFPE, SIGBUS})
     ::signal(signal, say_where);
   if (!cell.empty()) return replay(cell);
   Cells cells = paired ? pairs() : sampled ? sample() : single_faults();
   if (!only.empty()) std::erase_if(cells, [&](const Cell& c) { return c.operation->name != only; });
-  return page.empty() ? sweep_cells(cells, jobs) : write_page(cells, page);
+  return page.empty() ? sweep_cells(cells, jobs) : write_page(std::move(cells), page);
 }
 
+}  // namespace
 }  // namespace sweep
 
 int main(int argc, char** argv) {
   try {
-    return sweep::run(argc, argv);
+    return sweep::run_program(argc, argv);
   } catch (const std::exception& trouble) {
     std::fprintf(stderr, "sweep: %s\n", trouble.what());
     return 2;
