@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "module/bus.h"
+#include "module/usb/bus.h"
 #include "transport/usb_device.h"
 #include "world.h"
 

@@ -9,9 +9,9 @@
 #include <filesystem>
 #include <fstream>
 
+#include "base/log.h"
 #include "frame/driver.h"
-#include "log.h"
-#include "module/bus.h"
+#include "module/usb/bus.h"
 #include "transport/usb_device.h"
 
 namespace wrx_bench {

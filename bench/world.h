@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <string>
 
-#include "module/device.h"
+#include "module/device/device.h"
 #include "support/virtual_clock.h"
 
 namespace wrx_bench {

@@ -3,7 +3,7 @@
 # ("./etc/…"), so that each test process works in a scratch folder of its own.
 
 set(WRX_DRIVER_SOURCES "")
-foreach(room frame operations protocol transport upgrade)
+foreach(room base frame operations protocol transport upgrade)
   file(GLOB room_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${room}/*.cpp)
   list(APPEND WRX_DRIVER_SOURCES ${room_sources})
 endforeach()
@@ -23,7 +23,7 @@ function(wrx_driver_objects name root)
   set(kind ${ARGN} OBJECT)
   list(GET kind 0 kind)
   add_library(${name} ${kind} ${WRX_DRIVER_SOURCES})
-  target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include)
+  target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
   target_compile_definitions(${name}
     PUBLIC WRX_FRAMEWORK_HEADER=<${framework_header}>
     PRIVATE WRX_ROOT="${root}")

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The frame's device routines: presence, the one-shot mode switch and reboot, the bench entry.
-#include "device_presence.h"
-#include "driver_info.h"
+// The frame's device routines: the one-shot mode switch and reboot, the bench entry.
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "frame/driver.h"
-#include "frame/unit.h"
-#include "log.h"
-#include "pause.h"
 #include "protocol/packet.h"
 #include "protocol/procedures.h"
+#include "records/driver_info.h"
 #include "transport/usb_device.h"
 
 using wrx::frame::here;
@@ -67,10 +66,6 @@ int32_t wrx7700_set_reboot(bio_dev* dev) {
   fp_reboot();
   usb_dev_close();
   return 0;
-}
-
-int32_t fp_get_device_num(void) {
-  return usb_get_dev_handle() != nullptr ? 1 : 0;
 }
 
 int32_t main_test([[maybe_unused]] int32_t argc, [[maybe_unused]] char** argv) {

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // frame/ is what the framework sees: the entry point, the device record, the configuration, the
-// lifecycle callbacks and the log. It starts the other rooms and calls operations/ and upgrade/;
-// these call back only through the four doors of include/. All callbacks run on the framework's
-// operation thread, except wrx7700_ops_stop_by_user, which may come from another.
+// lifecycle callbacks. It is the top floor: it starts the other rooms and calls operations/ and
+// upgrade/, and nothing below knows of it. All callbacks run on the framework's operation thread,
+// except wrx7700_ops_stop_by_user, which may come from another.
 #pragma once
 
 #include <glib.h>
 
 #include <cstdint>
 
-#include "driver_info.h"
-#include "framework.h"
+#include "records/driver_info.h"
+#include "records/framework.h"
 
 #pragma GCC visibility push(default)
 extern "C" {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The plug-in's entry: identity, id table, callback table, and the start of the other rooms.
+#include "base/log.h"
+#include "base/units.h"
 #include "frame/driver.h"
-#include "frame/unit.h"
-#include "log.h"
 #include "operations/operations.h"
 #include "protocol/packet.h"
 #include "transport/usb_device.h"

@@ -2,14 +2,14 @@
 // The lifecycle callbacks: start, discover, open, close, stop, messages, hot-plug.
 #include <algorithm>
 
-#include "driver_info.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/stop_flags.h"
+#include "base/units.h"
 #include "frame/driver.h"
-#include "frame/unit.h"
-#include "log.h"
 #include "operations/operations.h"
-#include "pause.h"
 #include "protocol/packet.h"
-#include "stop_flags.h"
+#include "records/driver_info.h"
 #include "transport/usb_device.h"
 #include "upgrade/upgrade.h"
 

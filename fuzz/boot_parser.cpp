@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Whatever the bootloader sends, cut into reads of any length.
+#include "base/log.h"
 #include "fuzz/scratch.h"
-#include "log.h"
 #include "upgrade/bootloader.h"
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {

@@ -2,12 +2,11 @@
 // The key files and the firmware's selection file, as a careless or hostile hand may leave them.
 #include <glib.h>
 
-#include "driver_info.h"
+#include "base/paths.h"
 #include "frame/driver.h"
 #include "fuzz/scratch.h"
-#include "paths.h"
+#include "records/driver_info.h"
 #include "upgrade/upgrade.h"
-#include "upgrade_budget.h"
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
   wrx_fuzz::enter_scratch_folder(*argc, *argv);

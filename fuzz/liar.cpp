@@ -4,12 +4,12 @@
 // bootloader does wrong, and what it says of its own accord between the driver's waits.
 #include <libbiometric.h>
 
-#include "driver_info.h"
 #include "frame/driver.h"
 #include "fuzz/scratch.h"
-#include "module/bus.h"
+#include "module/usb/bus.h"
 #include "operations/module_procedures.h"
 #include "protocol/procedures.h"
+#include "records/driver_info.h"
 #include "support/virtual_clock.h"
 #include "upgrade/bootloader.h"
 

@@ -7,11 +7,11 @@
 #include <memory>
 #include <vector>
 
-#include "fp_device_param.h"
+#include "base/log.h"
 #include "fuzz/scratch.h"
-#include "log.h"
-#include "module/packet.h"
+#include "module/device/packet.h"
 #include "protocol/packet.h"
+#include "records/fp_device_param.h"
 
 namespace {
 

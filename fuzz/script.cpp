@@ -2,7 +2,7 @@
 // The module's little language: any text is a script or an error with a place, and a script that
 // is one can be played.
 #include "fuzz/scratch.h"
-#include "module/stand.h"
+#include "module/play/stand.h"
 #include "support/virtual_clock.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <sys/socket.h>
 
 #include "fuzz/scratch.h"
-#include "module/usbip_link.h"
+#include "module/usb/usbip_link.h"
 #include "support/virtual_clock.h"
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
@@ -21,9 +21,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   wrx_module::Stand stand(clock, {}, wrx_module::factory_memory(100));
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) != 0) std::abort();
-  const usbip::Descriptor peer(ends[0]);
+  const wrx_module::Descriptor peer(ends[0]);
   {
-    usbip::Descriptor own(ends[1]);
+    wrx_module::Descriptor own(ends[1]);
     usbip::Link link = imported ? usbip::Link(std::move(own), stand)
                                 : usbip::Link(std::move(own), stand, [] { return true; });
     while (!input.empty() && !link.closed()) {

@@ -15,10 +15,10 @@
 #include <optional>
 #include <stdexcept>
 
-#include "control_socket.h"
-#include "storage.h"
-#include "usbip_server.h"
-#include "vhci_port.h"
+#include "module/device/storage.h"
+#include "module/play/control_socket.h"
+#include "module/usb/usbip_server.h"
+#include "module/usb/vhci_port.h"
 
 namespace {
 
@@ -101,13 +101,13 @@ std::unique_ptr<wm::Stand> make_stand(wm::Clock& clock, const Options& options) 
 }
 
 /// Blocks the signals that end the program and makes them readable.
-wm::usbip::Descriptor end_signals() {
+wm::Descriptor end_signals() {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
   sigprocmask(SIG_BLOCK, &set, nullptr);
-  return wm::usbip::Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
+  return wm::Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
 }
 
 void save(const Options& options, wm::Stand& stand) {
@@ -117,7 +117,7 @@ void save(const Options& options, wm::Stand& stand) {
 }
 
 int run(const Options& options, bool served) {
-  const wm::usbip::Descriptor stop = end_signals();
+  const wm::Descriptor stop = end_signals();
   const wm::MemoryLock lock = locked_memory(options);
   wm::RealClock clock;
   const auto stand = make_stand(clock, options);

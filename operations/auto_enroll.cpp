@@ -6,13 +6,13 @@
 #include <algorithm>
 #include <array>
 
-#include "device_presence.h"
-#include "log.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "operations/module_procedures.h"
-#include "operations/unit.h"
-#include "pause.h"
 #include "protocol/engine.h"
 #include "protocol/packet.h"
+#include "transport/usb_device.h"
 
 using wrx::kNoAnswer;
 using wrx::operations::here;

@@ -6,14 +6,13 @@
 #include <algorithm>
 #include <array>
 
-#include "device_presence.h"
-#include "log.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "operations/module_procedures.h"
-#include "operations/unit.h"
-#include "pause.h"
-#include "powerup_flag.h"
 #include "protocol/engine.h"
 #include "protocol/packet.h"
+#include "transport/usb_device.h"
 
 using wrx::kNoAnswer;
 using wrx::kNoSlot;
@@ -178,11 +177,6 @@ struct timeval* get_onekey_powerup_tv_time(void) {
 
 uint8_t get_onekey_powerup_flag(void) {
   return held().onekey_powerup_flag;
-}
-
-int32_t set_onekey_powerup_flag(uint8_t flag) {
-  held().onekey_powerup_flag = flag;
-  return 0;
 }
 
 uint16_t* get_onekey_powerup_search_id(void) {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Deleting and listing stored features.
-#include "driver_info.h"
-#include "log.h"
+#include "base/log.h"
+#include "base/units.h"
 #include "operations/features.h"
 #include "operations/host_words.h"
 #include "operations/module_procedures.h"
 #include "operations/operations.h"
-#include "operations/unit.h"
+#include "records/driver_info.h"
 
 using wrx::operations::Database;
 using wrx::operations::FeatureList;

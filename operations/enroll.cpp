@@ -5,16 +5,16 @@
 
 #include <cstdio>
 
-#include "driver_info.h"
-#include "log.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "operations/features.h"
 #include "operations/host_words.h"
 #include "operations/module_procedures.h"
 #include "operations/operations.h"
-#include "operations/unit.h"
-#include "pause.h"
 #include "protocol/packet.h"
 #include "protocol/procedures.h"
+#include "records/driver_info.h"
 
 using wrx::operations::acknowledge_stop;
 using wrx::operations::here;

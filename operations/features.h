@@ -6,8 +6,8 @@
 #include <array>
 #include <cstdint>
 
-#include "fp_device_param.h"
-#include "framework.h"
+#include "records/fp_device_param.h"
+#include "records/framework.h"
 
 namespace wrx::operations {
 

@@ -8,10 +8,10 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "driver_info.h"
+#include "base/stop_flags.h"
 #include "protocol/packet.h"
 #include "protocol/procedures.h"
-#include "stop_flags.h"
+#include "records/driver_info.h"
 
 namespace wrx::operations {
 

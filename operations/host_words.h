@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "framework.h"
+#include "records/framework.h"
 
 namespace wrx::operations {
 

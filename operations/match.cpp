@@ -2,17 +2,16 @@
 // Verify, identify and search: the module matches the finger against its whole library, and the
 // slots it names are looked up in the framework's records. The three differ by a row of words and
 // by what they make of the matching records.
-#include "driver_info.h"
-#include "log.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "operations/features.h"
 #include "operations/host_words.h"
 #include "operations/module_procedures.h"
 #include "operations/operations.h"
-#include "operations/unit.h"
-#include "pause.h"
-#include "powerup_flag.h"
 #include "protocol/packet.h"
 #include "protocol/procedures.h"
+#include "records/driver_info.h"
 #include "transport/usb_device.h"
 
 #include <algorithm>

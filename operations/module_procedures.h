@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "fp_device_param.h"
+#include "records/fp_device_param.h"
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -72,7 +72,7 @@ int32_t fp_onekey_powerup_identify(uint8_t security_level, uint16_t identify_id,
 /// When the result was taken; the record is the driver's and lives as long as the plug-in, as do
 /// the slots below.
 struct timeval* get_onekey_powerup_tv_time(void);
-/// 1 while a result is held, else 0 (set_onekey_powerup_flag is in powerup_flag.h).
+/// 1 while a result is held, else 0.
 uint8_t get_onekey_powerup_flag(void);
 /// The 20 slots that matched, 0xFFFF where none did.
 uint16_t* get_onekey_powerup_search_id(void);

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "framework.h"
+#include "records/framework.h"
 
 #pragma GCC visibility push(default)
 extern "C" {

@@ -2,9 +2,9 @@
 // The module's template slots.
 #include <array>
 
-#include "log.h"
+#include "base/log.h"
+#include "base/units.h"
 #include "operations/module_procedures.h"
-#include "operations/unit.h"
 #include "protocol/engine.h"
 #include "protocol/procedures.h"
 

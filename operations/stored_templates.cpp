@@ -3,12 +3,12 @@
 // has, whether a finger is already among them, and which templates nobody refers to.
 #include <array>
 
-#include "log.h"
+#include "base/log.h"
+#include "base/units.h"
 #include "operations/features.h"
 #include "operations/host_words.h"
 #include "operations/module_procedures.h"
 #include "operations/operations.h"
-#include "operations/unit.h"
 #include "protocol/packet.h"
 #include "protocol/procedures.h"
 

@@ -13,7 +13,7 @@ common=(--from-code=UTF-8 --language=C++ --add-location=file --sort-by-file --no
 # The programs' words are English and marked where they stand.
 xgettext "${common[@]}" --package-name=wrx5300 --keyword= --keyword=gettext --keyword=N_ \
   --keyword=tr --keyword=tr_n:1,2 --keyword=Failure:2 --output="$work/programs.pot" \
-  frame/*.cpp host/client/*.cpp host/common/*.cpp host/lib/*.cpp
+  base/*.cpp frame/*.cpp host/client/*.cpp host/common/*.cpp host/lib/*.cpp
 sed -i 's/charset=CHARSET/charset=UTF-8/' "$work/programs.pot"
 # The driver's words to the user are Chinese, and nothing else in its sources is.
 xgettext "${common[@]}" --extract-all --output="$work/all.pot" operations/*.cpp \

@@ -8,10 +8,10 @@
 #include <cstdint>
 #include <iterator>
 
-#include "fp_device_param.h"
-#include "prot_codes.h"
 #include "protocol/decoders.h"
 #include "protocol/packet.h"
+#include "records/fp_device_param.h"
+#include "records/prot_codes.h"
 
 namespace wrx::protocol {
 

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cstring>
 
-#include "fp_device_param.h"
-#include "log.h"
+#include "base/log.h"
+#include "base/units.h"
 #include "protocol/command_set.h"
 #include "protocol/decoders.h"
 #include "protocol/engine.h"
 #include "protocol/packet.h"
-#include "protocol/unit.h"
+#include "records/fp_device_param.h"
 
 using wrx::CallSite;
 using wrx::print_line;

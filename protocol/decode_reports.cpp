@@ -8,12 +8,11 @@
 #include <cstring>
 #include <iterator>
 
-#include "fp_device_param.h"
-#include "log.h"
-#include "powerup_flag.h"
+#include "base/log.h"
 #include "protocol/command_set.h"
 #include "protocol/decoders.h"
 #include "protocol/packet.h"
+#include "records/fp_device_param.h"
 
 namespace wrx::protocol {
 
@@ -217,3 +216,8 @@ void decode_test_type(const Payload& payload, CallSite site) {
 }
 
 }  // namespace wrx::protocol
+
+int32_t set_onekey_powerup_flag(uint8_t flag) {
+  fp_device_param.onekey_powerup.onekey_powerup_flag = flag;
+  return 0;
+}

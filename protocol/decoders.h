@@ -3,7 +3,7 @@
 // results in fp_device_param and say them under the name of the decoder that called them.
 #pragma once
 
-#include "log.h"
+#include "base/log.h"
 #include "protocol/payload.h"
 
 namespace wrx::protocol {

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <span>
 
-#include "log.h"
+#include "base/log.h"
 #include "protocol/command_set.h"
 
 namespace wrx::protocol {

@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "prot_packet.h"
+#include "records/prot_packet.h"
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -60,6 +60,10 @@ int32_t fp_read_invalid_pkg(int32_t count);
 int32_t fp_set_ctrlFlag(int32_t ctrlFlag);
 /// The control flag (_FP_CONTROL_FLAG_ENUM_). Any thread.
 int32_t fp_get_ctrlFlag(void);
+
+/// Stores whether the state record holds a power-up result (1) or not (0). 0. Also called by the
+/// operations, which take the result or drop it.
+int32_t set_onekey_powerup_flag(uint8_t flag);
 
 }  // extern "C"
 #pragma GCC visibility pop

@@ -6,9 +6,9 @@
 #include <array>
 #include <cstring>
 
-#include "pause.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "protocol/engine.h"
-#include "protocol/unit.h"
 
 using wrx::CallSite;
 using wrx::protocol::Command;

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "fp_device_param.h"
-#include "log.h"
+#include "base/log.h"
+#include "base/stop_flags.h"
+#include "base/units.h"
 #include "protocol/packet.h"
-#include "protocol/unit.h"
-#include "stop_flags.h"
+#include "records/fp_device_param.h"
 #include "transport/usb_device.h"
 
 using wrx::protocol::here;

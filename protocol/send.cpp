@@ -2,10 +2,10 @@
 // Framing and sending of commands.
 #include <cstring>
 
-#include "log.h"
-#include "pause.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "protocol/packet.h"
-#include "protocol/unit.h"
 #include "transport/usb_device.h"
 
 using wrx::protocol::here;

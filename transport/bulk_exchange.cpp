@@ -14,9 +14,9 @@
 #include <cstddef>
 #include <cstring>
 
-#include "log.h"
-#include "pause.h"
-#include "transport/unit.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "transport/usb_device.h"
 
 using wrx::CallSite;

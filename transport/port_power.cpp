@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "log.h"
-#include "paths.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/units.h"
 #include "transport/default_context.h"
-#include "transport/unit.h"
 #include "transport/usb_device.h"
 
 using wrx::print_piece;

@@ -2,9 +2,9 @@
 // The application channel's record, its opening and closing, and one bulk request.
 #include "transport/usb_device.h"
 
-#include "log.h"
+#include "base/log.h"
+#include "base/units.h"
 #include "transport/default_context.h"
-#include "transport/unit.h"
 
 using wrx::print_function;
 using wrx::print_line;
@@ -89,6 +89,10 @@ int32_t usb_dev_set_null(void) {
 
 libusb_device_handle* usb_get_dev_handle(void) {
   return usb_dev_param.usbdev_handle;
+}
+
+int32_t fp_get_device_num(void) {
+  return usb_get_dev_handle() != nullptr ? 1 : 0;
 }
 
 int32_t usb_dev_ioctl(DEV_CMD* cmd) {

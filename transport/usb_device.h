@@ -9,8 +9,8 @@
 
 #include <cstdint>
 
-#include "framework.h"
-#include "usb_dev_param.h"
+#include "records/framework.h"
+#include "records/usb_dev_param.h"
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -31,6 +31,9 @@ int32_t usb_dev_close(void);
 int32_t usb_dev_set_null(void);
 /// The held handle; null while closed.
 libusb_device_handle* usb_get_dev_handle(void);
+/// Number of modules held open: 1 or 0. The waits of operations/ ask it whether the module is still
+/// there.
+int32_t fp_get_device_num(void);
 
 /// One write and/or one read. 0 or -1.
 int32_t usb_dev_ioctl(DEV_CMD* cmd);

@@ -6,9 +6,9 @@
 #include <iterator>
 #include <span>
 
-#include "log.h"
+#include "base/log.h"
+#include "base/units.h"
 #include "upgrade/bootloader.h"
-#include "upgrade/unit.h"
 
 using namespace wrx::upgrade;
 

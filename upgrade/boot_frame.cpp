@@ -2,9 +2,9 @@
 // The bootloader's frames: check byte and response parser.
 #include <limits>
 
-#include "log.h"
+#include "base/log.h"
+#include "base/units.h"
 #include "upgrade/bootloader.h"
-#include "upgrade/unit.h"
 
 using namespace wrx::upgrade;
 

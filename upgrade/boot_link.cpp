@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Finding, opening and closing the bootloader device, and its two bulk pipes.
-#include "log.h"
-#include "pause.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "transport/default_context.h"
 #include "upgrade/bootloader.h"
-#include "upgrade/unit.h"
 
 using wrx::upgrade::here;
 

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "upgrade_param.h"
+#include "records/upgrade_param.h"
 
 #pragma GCC visibility push(default)
 extern "C" {

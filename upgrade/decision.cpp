@@ -4,15 +4,14 @@
 
 #include <cstring>
 
-#include "driver_info.h"
-#include "log.h"
-#include "pause.h"
+#include "base/log.h"
+#include "base/pause.h"
+#include "base/units.h"
 #include "protocol/procedures.h"
+#include "records/driver_info.h"
 #include "transport/usb_device.h"
 #include "upgrade/bootloader.h"
-#include "upgrade/unit.h"
 #include "upgrade/upgrade.h"
-#include "upgrade_budget.h"
 
 using wrx::upgrade::here;
 

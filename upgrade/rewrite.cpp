@@ -6,12 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "log.h"
-#include "owners.h"
+#include "base/log.h"
+#include "base/owners.h"
+#include "base/units.h"
 #include "upgrade/bootloader.h"
-#include "upgrade/unit.h"
 #include "upgrade/upgrade.h"
-#include "upgrade_budget.h"
 
 using wrx::upgrade::here;
 using wrx::upgrade::kBlockSize;

@@ -10,13 +10,12 @@
 #include <cstring>
 #include <limits>
 
-#include "log.h"
-#include "owners.h"
-#include "paths.h"
+#include "base/log.h"
+#include "base/owners.h"
+#include "base/paths.h"
+#include "base/units.h"
 #include "upgrade/bootloader.h"
-#include "upgrade/unit.h"
 #include "upgrade/upgrade.h"
-#include "upgrade_budget.h"
 
 using wrx::upgrade::here;
 using wrx::upgrade::kSelectionText;

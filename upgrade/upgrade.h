@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "framework.h"
+#include "records/framework.h"
 
 namespace wrx::upgrade {
 
@@ -24,6 +24,12 @@ extern "C" {
 extern char new_firmware_name[wrx::upgrade::kSelectionText];
 extern char new_firmware_version[wrx::upgrade::kSelectionText];
 extern uint32_t new_firmware_version_num;
+
+/// 0 when the budget "UpgradeFlag" is 1 or more, -1 when it is used up or cannot be read.
+int32_t read_fw_upgrade_flag(void);
+/// Spends one unit of the budget, at most once a process. 0 when spent, already spent or nothing
+/// was left; -1 when the file cannot be read or written.
+int32_t change_fw_upgrade_flag(void);
 
 /// Selects the image that the driver carries, if the upgrade budget allows any. 0 or -1. Called
 /// once, by ops_configure.

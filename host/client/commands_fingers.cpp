@@ -5,8 +5,8 @@
 
 #include "commands.h"
 #include "fingers.h"
-#include "fp_device_param.h"
 #include "host/common/driver_texts.h"
+#include "records/fp_device_param.h"
 #include "words.h"
 
 namespace wrx::client {

@@ -10,10 +10,10 @@
 
 #include "commands.h"
 #include "fingers.h"
-#include "fp_device_param.h"
 #include "picture.h"
 #include "protocol/packet.h"
 #include "protocol/procedures.h"
+#include "records/fp_device_param.h"
 #include "slots.h"
 #include "words.h"
 

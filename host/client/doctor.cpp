@@ -12,8 +12,8 @@
 #include "commands.h"
 #include "fingers.h"
 #include "firmware.h"
-#include "fp_device_param.h"
 #include "protocol/procedures.h"
+#include "records/fp_device_param.h"
 #include "slots.h"
 #include "words.h"
 

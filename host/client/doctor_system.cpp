@@ -11,9 +11,10 @@
 #include <fstream>
 #include <memory>
 
+#include "base/paths.h"
 #include "doctor.h"
-#include "driver_info.h"
-#include "paths.h"
+#include "records/configuration_keys.h"
+#include "records/driver_info.h"
 #include "transport/usb_device.h"
 #include "words.h"
 
@@ -44,14 +45,14 @@ struct Key {
 };
 
 constexpr Key kFrameworkKeys[] = {{"Enable", " true false "},
-                                  {"PrintfLogFlag", nullptr},
-                                  {"ModeFlag", nullptr},
-                                  {"RebootFlag", nullptr}};
+                                  {keys::kPrintfLogFlag, nullptr},
+                                  {keys::kModeFlag, nullptr},
+                                  {keys::kRebootFlag, nullptr}};
 constexpr Key kDriverKeys[] = {
-    {"PrintfLogFlag", nullptr},
-    {"AutoSuspend", nullptr},
-    {"UpgradeFlag", nullptr},
-    {"UpgradeMode", " FORCE_UPGRADE DONT_UPGRADE AUTO_UPGRADE SMART_UPGRADE "},
+    {keys::kPrintfLogFlag, nullptr},
+    {keys::kAutoSuspend, nullptr},
+    {keys::kUpgradeFlag, nullptr},
+    {keys::kUpgradeMode, " FORCE_UPGRADE DONT_UPGRADE AUTO_UPGRADE SMART_UPGRADE "},
 };
 
 bool fits(const Key& key, const std::string& value) {
@@ -200,7 +201,7 @@ Finding check_driver_config(Scene&) {
   if (!fs::exists(path, ignored))
     return {Health::Note, tr("there is no {}: no autosuspend, no upgrades", path),
             tr("install it again; see man 5 {}", fs::path(path).filename().string())};
-  return check_config(path, "BASIC_PARAM", kDriverKeys);
+  return check_config(path, keys::kGroup, kDriverKeys);
 }
 
 }  // namespace wrx::client

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "commands.h"
-#include "driver_info.h"
 #include "protocol/procedures.h"
+#include "records/driver_info.h"
 #include "upgrade/bootloader.h"
 #include "upgrade/upgrade.h"
 #include "words.h"

@@ -7,8 +7,8 @@
 #include <map>
 
 #include "fingers.h"
-#include "fp_device_param.h"
 #include "protocol/procedures.h"
+#include "records/fp_device_param.h"
 #include "words.h"
 
 namespace wrx::client {

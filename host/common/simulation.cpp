@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "folders.h"
-#include "module/simulate.h"
+#include "module/usb/simulate.h"
 #include "outcome.h"
 
 namespace wrx::host {

@@ -9,7 +9,7 @@
 #include <cstdio>
 
 #include "host/common/outcome.h"
-#include "service.h"
+#include "host/service/service.h"
 
 namespace {
 

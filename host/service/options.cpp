@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Reading the command line.
 
-#include "options.h"
+#include "host/service/options.h"
 
 #include <CLI/CLI.hpp>
 #include <filesystem>

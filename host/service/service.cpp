@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Putting the parts together, and what happens between them.
 
-#include "service.h"
+#include "host/service/service.h"
 
 #include <cerrno>
 #include <cstring>

@@ -8,22 +8,22 @@
 #include <optional>
 #include <string>
 
-#include "authority.h"
-#include "clients.h"
-#include "control.h"
-#include "device_object.h"
-#include "driver_events.h"
-#include "event_loop.h"
 #include "host/common/plugin_host.h"
 #include "host/common/simulation.h"
-#include "hotplug.h"
-#include "manager_object.h"
-#include "module_thread.h"
-#include "operations.h"
-#include "options.h"
-#include "reader.h"
-#include "sleep_watch.h"
-#include "trace.h"
+#include "host/service/bus/authority.h"
+#include "host/service/bus/clients.h"
+#include "host/service/bus/device_object.h"
+#include "host/service/bus/manager_object.h"
+#include "host/service/options.h"
+#include "host/service/outside/control.h"
+#include "host/service/outside/event_loop.h"
+#include "host/service/outside/hotplug.h"
+#include "host/service/outside/sleep_watch.h"
+#include "host/service/outside/trace.h"
+#include "host/service/reader/driver_events.h"
+#include "host/service/reader/module_thread.h"
+#include "host/service/reader/operations.h"
+#include "host/service/reader/reader.h"
 
 namespace wrx::service {
 

@@ -99,7 +99,8 @@ class Manual(unittest.TestCase):
 
     def test_PagesAndSamplesTellOfEveryKeyThatTheDriverReads(self):
         source = (support.SOURCE / "frame/configuration.cpp").read_text()
-        keys = set(re.findall(r'constexpr char k(?!Group)\w+\[\] = "(\w+)";', source))
+        named = (support.SOURCE / "records/configuration_keys.h").read_text()
+        keys = set(re.findall(r'constexpr char k(?!Group)\w+\[\] = "(\w+)";', named))
         own = set(re.findall(r"kGroup, k(\w+)", source))
         self.assertEqual(keys, {"PrintfLogFlag", "ModeFlag", "RebootFlag"} | own)
         for name, wanted in (("biometric-drivers.conf", keys - own | {"PrintfLogFlag", "Enable"}),

@@ -35,7 +35,7 @@ def description():
         client = bench.client()
         for path, interface in ((DEVICE, NAME + ".Device"), (MANAGER, NAME + ".Manager")):
             packaged = members(xml.parse(f"{DEBIAN}{interface}.xml").getroot(), interface)
-            ours = members(xml.parse(f"{SOURCE}/host/service/{interface}.xml").getroot(), interface)
+            ours = members(xml.parse(f"{SOURCE}/host/service/bus/{interface}.xml").getroot(), interface)
             assert ours == packaged, (ours, packaged)
             text = client.call("Introspect", path=path, interface=dbus.INTROSPECTABLE_IFACE)
             assert members(xml.fromstring(text), interface) == packaged

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "module/trace.h"
+#include "module/usb/trace.h"
 
 namespace wrx_test {
 

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "module/bus.h"
-#include "module/script.h"
-#include "module/usb_front_end.h"
+#include "module/play/script.h"
+#include "module/usb/bus.h"
+#include "module/usb/usb_front_end.h"
 #include "support/bytes.h"
 #include "support/virtual_clock.h"
 

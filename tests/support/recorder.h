@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "module/trace.h"
+#include "module/usb/trace.h"
 
 namespace wrx_test {
 

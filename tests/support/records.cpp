@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <span>
 
-#include "fp_device_param.h"
 #include "protocol/packet.h"
+#include "records/fp_device_param.h"
 #include "transport/usb_device.h"
 #include "upgrade/bootloader.h"
 

@@ -12,10 +12,10 @@
 #include <iterator>
 #include <sstream>
 
+#include "base/log.h"
+#include "base/paths.h"
 #include "frame/driver.h"
-#include "log.h"
-#include "module/script.h"
-#include "paths.h"
+#include "module/play/script.h"
 #include "support/records.h"
 #include "transport/usb_device.h"
 

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "driver_info.h"
-#include "module/bus.h"
-#include "module/device.h"
+#include "module/device/device.h"
+#include "module/usb/bus.h"
+#include "records/driver_info.h"
 #include "support/recorder.h"
 #include "support/virtual_clock.h"
 

@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "module/bus.h"
+#include "module/usb/bus.h"
 
 namespace wrx_test {
 

@@ -13,7 +13,7 @@
 #include <mutex>
 #include <thread>
 
-#include "module/clock.h"
+#include "module/device/clock.h"
 
 namespace wrx_test {
 

@@ -8,9 +8,9 @@
 #include <set>
 #include <sstream>
 
+#include "base/stop_flags.h"
 #include "protocol/packet.h"
-#include "stop_flags.h"
-#include "upgrade_support.h"
+#include "upgrade/upgrade_support.h"
 
 namespace sweep {
 namespace {

@@ -6,9 +6,9 @@
 #include <span>
 #include <string_view>
 
-#include "module/bus.h"
-#include "module/faults.h"
-#include "module/trace.h"
+#include "module/play/faults.h"
+#include "module/usb/bus.h"
+#include "module/usb/trace.h"
 
 namespace sweep {
 

@@ -7,7 +7,7 @@
 #include "operations/module_procedures.h"
 #include "protocol/packet.h"
 #include "protocol/procedures.h"
-#include "upgrade_support.h"
+#include "upgrade/upgrade_support.h"
 
 namespace sweep {
 namespace {

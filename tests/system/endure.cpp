@@ -18,7 +18,7 @@
 
 #include "host/common/folders.h"
 #include "host/common/plugin_host.h"
-#include "module/control_socket.h"
+#include "module/play/control_socket.h"
 
 namespace wrx::system_test {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "module/bus.h"
+#include "module/usb/bus.h"
 #include "session.h"
 
 namespace wrx::system_test {

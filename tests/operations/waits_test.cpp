@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Every operation takes exactly the waits it is made of, to the millisecond, at a module that does
+// everything at once.
+//
+// What the sums below consist of, for a module that answers empty reads at once (A) and for one
+// that lets them run into their limit of 1000 ms (B):
+//
+//   exchange     20                 A and B: the answer is there after the first wait
+//   drain        A: 0               B: 1000; the first read that fails ends it
+//   cancel       A: 20              B: 20 + 1000: an exchange and a drain
+//   empty pass   A: its pause       B: 1000 + its pause
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <csignal>
+
+#include "base/pause.h"
+#include "operations/module_procedures.h"
+#include "protocol/packet.h"
+#include "protocol/procedures.h"
+#include "support/rig.h"
+
+namespace wrx_test {
+namespace {
+
+using wrx_module::Batch;
+using wrx_module::EmptyRead;
+
+struct Row {
+  const char* what;
+  Batch batch;
+  const char* script;
+  void (*call)(Rig&);
+  int64_t at_once_ms;
+  int64_t times_out_ms;
+};
+
+constexpr Batch kReport = Batch::one_report, kStep = Batch::one_step;
+constexpr auto verify = [](Rig& rig) { rig.verify(); };
+constexpr auto identify = [](Rig& rig) { rig.identify(); };
+constexpr auto search = [](Rig& rig) { rig.search(); };
+constexpr auto enroll = [](Rig& rig) { rig.enroll(); };
+constexpr auto cancel = [](Rig&) { fp_cancel(); };
+constexpr auto erase = [](Rig&) { fp_delete_template(20, 1); };
+constexpr auto index_table = [](Rig&) { fp_read_index_table(0); };
+
+constexpr Row kRows[] = {
+    {"exchange", kReport, "", erase, 20, 20},
+    {"cancel", kReport, "", cancel, 20, 20 + 1000},
+    // wait + 5 attempts, the pause after the last one included; the module answers too late.
+    {"unanswered exchange", kReport, "set response-delay 3600s", erase, 20 + 5 * 20,
+     20 + 5 * (1000 + 20)},
+    {"unanswered index table", kReport, "set response-delay 3600s", index_table, 20 + 10 * 20,
+     20 + 10 * (1000 + 20)},
+    // drain + start + cancel; one pass more when the capture is reported by itself.
+    {"verify", kStep, "press", verify, 0 + 20 + 20, 1000 + 20 + 1020},
+    {"verify with a capture report", kReport, "press", verify, 20 + 20 + 20, 1000 + 20 + 20 + 1020},
+    {"search", kStep, "press", search, 20 + 20, 1000 + 20 + 1020},
+    {"identify", kStep, "press", identify, 20 + 20, 20 + 1020},
+    // drain, index table, start and end of the duplicate check, index table, start, presses,
+    // cancel.
+    {"enrolment, a press a read", kStep, "press x13", enroll, 20 + 40 + 20 + 20 + 0 + 20,
+     1000 + 20 + 1040 + 20 + 20 + 0 + 1020},
+    // Three reads a press and three at the end, a pause of 30 between those of a press; one more
+    // pass of 20 in the duplicate check.
+    {"enrolment, a report a read", kReport, "press x13", enroll, 20 + 60 + 40 + 12 * 60 + 60 + 20,
+     1000 + 20 + 1060 + 40 + 12 * 60 + 60 + 1020},
+    // The limit of 5000 has passed after 251 pauses of 20 (5 passes of 1020); it is tested before
+    // the read.
+    {"verify without a finger", kReport, "", verify, 20 + 251 * 20 + 20,
+     1000 + 20 + 5 * 1020 + 1020},
+    // 167 pauses of 30 (4 passes of 1030 and the fifth read): here it is tested after the read.
+    {"enrolment without a finger", kReport, "press", enroll, 20 + 60 + 40 + 167 * 30 + 20,
+     1000 + 20 + 1060 + 40 + 4 * 1030 + 1000 + 1020},
+    {"refusal at a full library", kStep, "press; refuse 49 31", enroll,
+     20 + 40 + 20 + 20 + 2000 + 20, 1000 + 20 + 1040 + 20 + 20 + 2000 + 1020},
+    {"open and close", kReport, "", [](Rig& rig) { rig.close(), rig.open(); }, 0, 0},
+};
+
+TEST(Waits, OfEveryOperationAddUp) {
+  for (const EmptyRead empty : {EmptyRead::answers_empty, EmptyRead::times_out}) {
+    for (const Row& row : kRows) {
+      SCOPED_TRACE(row.what);
+      wrx_module::Settings settings;
+      settings.link = {.empty_read = empty, .batch = row.batch};
+      Rig rig(settings);
+      rig.ready();
+      rig.play(row.script);
+      const bool at_once = empty == EmptyRead::answers_empty;
+      EXPECT_EQ(rig.time_of([&] { row.call(rig); }), at_once ? row.at_once_ms : row.times_out_ms);
+    }
+  }
+}
+
+TEST(Waits, OfAStartUp) {
+  // drain, start, 5 polls, cancel, version and the pause behind it.
+  Rig at_once;
+  EXPECT_EQ(at_once.time_of([&] { at_once.start(); }), 0 + 20 + 5 * 20 + 20 + 20 + 20);
+}
+
+TEST(Waits, OfAStartUpWhoseReadsTimeOut) {
+  Rig rig(wrx_module::Settings{});
+  EXPECT_EQ(rig.time_of([&] { rig.start(); }), 1000 + 20 + 5 * 1020 + 1020 + 20 + 20);
+}
+
+TEST(Waits, OfACleanAreAnExchangeATemplate) {
+  Rig rig(wrx_module::Settings{});
+  rig.store({Rig::kUser, 0, {20, 21}});
+  rig.store({Rig::kUser, 1, {22}});
+  rig.ready();
+  EXPECT_EQ(rig.time_of([&] { rig.clean(); }), 3 * 20);
+}
+
+TEST(Waits, TheModulesOwnTimeEndsWithThePassThatSeesIt) {
+  wrx_module::Settings settings = Rig::instant();
+  settings.link.batch = kStep;
+  settings.procedure.search_us = 333'000;  // from the start's 20 on: passes at 20, 40 … 340
+  Rig rig(settings);
+  rig.ready();
+  rig.play("press");
+  EXPECT_EQ(rig.time_of([&] { rig.verify(); }), 340 + 20);
+}
+
+TEST(Waits, AreNotCutShortByTheHostsSignals) {
+  signal(SIGALRM, [](int) {});
+  const itimerval often = {{0, 2000}, {0, 2000}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  const int64_t start_us = wrx::monotonic_us();
+  wrx::pause_ms(30);
+  EXPECT_GE(wrx::monotonic_us() - start_us, 30'000);
+}
+
+}  // namespace
+}  // namespace wrx_test

@@ -1,0 +1,326 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The bootloader's link, frames, parser and commands, and a rewrite that meets trouble.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "support/lower_rooms.h"
+#include "upgrade/upgrade_support.h"
+
+namespace wrx_test {
+namespace {
+
+using wrx_module::BootQuirk;
+using wrx_module::Call;
+using wrx_module::FaultKind;
+using Kind = BootQuirk::Kind;
+
+constexpr uint8_t kErase = 0xD3, kWrite = 0xD7, kReadCrc = 0xA6, kStoreCrc = 0xD9, kSecurity = 0xCC,
+                  kRun = 0xE3;
+
+// A module without firmware, so in its bootloader, and an image of `size` bytes selected.
+class Bench {
+ public:
+  explicit Bench(size_t size = 500, const wrx_module::Settings& settings = Rig::instant())
+      : image(image_of(size)), rig(settings) {
+    rig.extra_config("UpgradeMode=FORCE_UPGRADE\nUpgradeFlag=2\n");
+    rig.install_firmware("ACM32FP_V101", image);
+    rig.configure();
+    break_firmware(rig);
+    rig.trace.clear();
+    wrx_module::bus().faults().clear();
+  }
+  wrx_module::BootloaderSettings& bootloader() { return rig.device.settings().bootloader; }
+  static int live() {
+    const wrx_module::LiveCounts live = wrx_module::bus().live();
+    return live.handles + live.lists + live.device_references + live.configurations;
+  }
+
+  std::string image;
+  Rig rig;
+};
+
+// ---- parser
+
+int feed(const std::string& bytes) {
+  return parseProtocal(reinterpret_cast<const uint8_t*>(bytes.data()),
+                       static_cast<int32_t>(bytes.size()));
+}
+
+// What the parser makes of a stream in two parts, in words.
+std::string parsed(Rig& rig, const std::string& stream, size_t split) {
+  std::memset(&upgrade_param, 0, sizeof upgrade_param);
+  std::memset(upgrade_param.dev_sn, 0x5A, sizeof upgrade_param.dev_sn);
+  rig.trace.clear();
+  const bool first = feed(stream.substr(0, split)) == 0, second = feed(stream.substr(split)) == 0;
+  const UP_PROT_PACKET& p = upgrade_param.prot_packet_usb;
+  const std::string behind(reinterpret_cast<char*>(upgrade_param.dev_sn), 64);
+  const Bytes data(p.prot_data, p.prot_data + std::min<size_t>(p.prot_data_cnt, 3));
+  std::string text = first || second ? "a frame" : "no frame";
+  text += ", state " + std::to_string(p.prot_state) + ", type " + std::to_string(p.prot_type) +
+          ", " + std::to_string(p.prot_data_cnt) + " bytes " + hex(data) +
+          (behind == std::string(64, 0x5A) ? "\n" : ", written beyond the arrays\n");
+  for (const std::string& line : rig.trace.driver_lines()) {
+    if (line.find("error") != std::string::npos) text += line + "\n";
+  }
+  return text;
+}
+
+// Data of a frame whose check byte would also fit what is left when its bytes are counted in 16
+// bits.
+std::string good_at_its_end() {
+  std::string data = image_of(65535);
+  do {
+    ++data[0];
+  } while (Check_BCC(reinterpret_cast<const uint8_t*>(frame(0xA0, data).data()) + 65536, 5) != 0);
+  return data;
+}
+
+TEST(BootParser, EveryFrameInEverySplit) {
+  Rig rig;
+  const std::string good = frame(kErase, std::string(1, '\0'));
+  std::string bad_check = good, bad_end = good;
+  bad_check[5] ^= 1;
+  bad_end[6] = '\x54';
+  const std::pair<const char*, std::string> rows[] = {
+      {"status frame", good},
+      {"head and end among the data", frame(kReadCrc, "\xAA\x55\xAA")},
+      {"no data", frame(kSecurity)},
+      {"garbage first", std::string("\x55\x00\x13", 3) + good},
+      {"a second frame behind it", good + frame(kReadCrc, "123")},
+      {"broken check byte", bad_check},
+      {"broken end byte", bad_end},
+      {"nothing is heard after a broken one", bad_check + good},
+      {"cut before its data", good.substr(0, 4)},
+      {"cut before its end", good.substr(0, 6)},
+      {"only garbage", "\x55\x13"},
+      {"1024 bytes", frame(0xA0, image_of(1018))},
+      {"1025 bytes", frame(0xA0, image_of(1019))},
+      {"65541 bytes", frame(0xA0, image_of(65535))},
+      {"65541 bytes, the last five of which would be good", frame(0xA0, good_at_its_end())},
+  };
+  std::string told;
+  for (const auto& [name, stream] : rows) {
+    const std::string whole = parsed(rig, stream, stream.size());
+    told += std::string("== ") + name + "\n" + whole;
+    const size_t step = stream.size() > 2000 ? 9973 : 1;
+    for (size_t split = 0; split < stream.size(); split += step)
+      EXPECT_EQ(parsed(rig, stream, split), whole) << name << " split at " << split;
+  }
+  EXPECT_EQ(golden_difference("boot-frames", lines_of(told)), "");
+}
+
+TEST(BootParser, TheChecksumIsTheOneOfTheBook) {
+  EXPECT_EQ(CRC16_X25("123456789", 9), 0x906E);
+  EXPECT_EQ(CRC16_X25("", 0), 0);
+  const std::string bytes = image_of(300);
+  for (size_t start = 0; start < 9; ++start) {
+    for (size_t size = 0; start + size < bytes.size(); ++size) {
+      EXPECT_EQ(CRC16_X25(bytes.data() + start, static_cast<uint32_t>(size)),
+                crc_by_the_book(bytes.substr(start, size)));
+    }
+  }
+  uint8_t eight = 0x13;
+  uint16_t sixteen = 0x1301;
+  InvertUint8(&eight, &eight);
+  InvertUint16(&sixteen, &sixteen);
+  EXPECT_EQ(eight, 0xC8);
+  EXPECT_EQ(sixteen, 0x80C8);
+}
+
+// ---- link
+
+TEST(BootLink, MisuseIsRefused) {
+  Rig rig;
+  uint8_t byte = 0;
+  EXPECT_EQ(Check_BCC(nullptr, 4), 0xFF);
+  EXPECT_EQ(Check_BCC(&byte, 0), 0xFF);
+  EXPECT_EQ(boot_write_usb(nullptr, 1), -1);
+  EXPECT_EQ(boot_read_usb(&byte, 0), -1);
+  EXPECT_EQ(rig.trace.count("] the param is error!!!"), 4);
+  EXPECT_EQ(boot_write_usb(&byte, 1), -1);
+  EXPECT_EQ(boot_read_usb(&byte, 1), -1);
+  EXPECT_EQ(rig.trace.count("] usb vid=0x1234 pid=0xabce not open, error!!!"), 2);
+}
+
+// Whatever fails, nothing stays open, and the next opening works.
+TEST(BootLink, OpeningsAndTransfersThatFailAsATrace) {
+  wrx_module::Settings settings = Rig::instant();
+  settings.usb.kernel_driver_holds = true;
+  Bench bench(500, settings);
+  const struct {
+    const char* what;
+    std::vector<Call> refused;
+    int times;
+  } rows[] = {
+      {"open: no list", {Call::device_list}, 1},
+      {"open: no descriptor", {Call::device_descriptor}, -1},
+      {"open: refused", {Call::open}, 1},
+      {"open: not detached", {Call::claim, Call::detach}, 1},
+      {"open: claimed at the second try", {Call::claim}, 1},
+      {"open: not claimed", {Call::claim}, 2},
+  };
+  for (const auto& row : rows) {
+    for (const Call call : row.refused)
+      wrx_module::bus().refuse(call, LIBUSB_ERROR_IO, row.times);
+    bench.rig.step(row.what, boot_open_dev);
+    bench.rig.step("close", boot_close_dev);
+    EXPECT_EQ(Bench::live(), 0) << row.what;
+    wrx_module::bus().refuse(Call::device_descriptor, 0, 0);
+    EXPECT_EQ(boot_open_dev() + boot_close_dev(), 0) << row.what;
+  }
+  upgrade_param.udev = {};
+  bench.rig.step("init", upgrade_module_init);
+  for (const auto& call : {readSN, eraseEFlash, securityCode, runAPP})
+    bench.rig.step("command: closed", call);
+  upgrade_param.udev.bInterfaceNumber = 9;
+  bench.rig.step("open", boot_open_dev);
+  bench.rig.step("read: no room", [] { return boot_read_usb(nullptr, 64); });
+  bench.rig.step("serial number", readSN);
+  bench.rig.step("close", boot_close_dev);
+  wrx_module::bus().faults().clear();
+  wrx_module::bus().faults().add({3, FaultKind::stall});
+  wrx_module::bus().faults().add({6, FaultKind::timeout});
+  bench.rig.step("rewrite: a write stalls", upgrade_and_run);
+  bench.rig.step("rewrite: a read times out", upgrade_and_run);
+  EXPECT_EQ(golden_difference("boot-link", bench.rig.trace.lines()), "");
+}
+
+TEST(BootLink, AnInterfaceIsFoundByItsClass) {
+  Bench bench;
+  ASSERT_EQ(boot_open_dev(), 0);
+  usb_dev& device = upgrade_param.udev;
+  libusb_device_descriptor descriptor{};
+  libusb_get_device_descriptor(device.dev, &descriptor);
+  device.bInterfaceClass = LIBUSB_CLASS_VENDOR_SPEC;
+  EXPECT_EQ(get_device_endpoint(&descriptor, &device), 0);
+  device.bInterfaceClass = LIBUSB_CLASS_PRINTER;
+  EXPECT_EQ(get_device_endpoint(&descriptor, &device), -2);
+  wrx_module::bus().refuse(Call::configuration_descriptor, LIBUSB_ERROR_IO);
+  EXPECT_EQ(get_device_endpoint(&descriptor, &device), -1);
+  boot_close_dev();
+  EXPECT_EQ(get_device_endpoint(&descriptor, &device), -1) << "released";
+  EXPECT_EQ(Bench::live(), 0);
+}
+
+// ---- commands
+
+// Those of a rewrite are compared with every rewrite; these are the others, and the edges.
+TEST(BootCommand, RequestsAreByteForByte) {
+  Bench bench;
+  const std::string block = image_of(240);
+  const struct {
+    std::function<int()> call;
+    std::string request;
+  } rows[] = {
+      {readSN, frame(0xA0, "", 250)},
+      {[] { return readEFlash(0x12345, 9); }, frame(0xD0, le(0x12345, 4) + "\x09")},
+      {[&] { return downloadCodeToEFlash(0x1FFF10, block.data(), 240); },
+       frame(kWrite, le(0x1FFF10, 4) + block)},
+      {[&] { return downloadCodeToEFlash(3, block.data(), 1); },
+       frame(kWrite, le(3, 4) + block.substr(0, 1), 250)},
+      {checkCRC, ""},
+      {selfTest, ""},
+      {[&] { return downloadCodeToEFlash(0, block.data(), 241); }, ""},
+  };
+  ASSERT_EQ(boot_open_dev(), 0);
+  for (const auto& row : rows) {
+    BootWire wire(bench.rig);
+    row.call();
+    EXPECT_EQ(wire.said(), row.request);
+  }
+  boot_close_dev();
+}
+
+TEST(BootCommand, AnswersAreKept) {
+  Bench bench;
+  ASSERT_EQ(boot_open_dev(), 0);
+  std::memset(upgrade_param.dev_sn, 0x77, sizeof upgrade_param.dev_sn);
+  EXPECT_EQ(readSN(), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(upgrade_param.dev_sn), 64),
+            "WRX5300-00000001" + std::string(48, '\0'));
+  EXPECT_EQ(readEFlash(0, 255), 0);
+  EXPECT_TRUE(bench.rig.trace.saw("readEFlash] read eflash data."));
+  EXPECT_EQ(eraseEFlash(), 0);
+  EXPECT_EQ(downloadCodeToEFlash(0, "123456789", 9), 0);
+  EXPECT_EQ(readCRC(0, 9), 0);
+  EXPECT_EQ(upgrade_param.crc_value_dev, 0x906E);
+  wrx_module::bus().faults().clear();
+  wrx_module::bus().faults().add({2, FaultKind::short_read, 0});
+  EXPECT_EQ(securityCode(), -1) << "an empty answer";
+  EXPECT_TRUE(bench.rig.trace.saw("securityCode] read response failed!!!"));
+  boot_close_dev();
+}
+
+// ---- a rewrite in trouble
+
+constexpr uint8_t kSteps[] = {kErase, kWrite, kReadCrc, kStoreCrc, kSecurity, kRun};
+
+// Result, state, budget and last command of each, and what is said of it.
+TEST(BootRewrite, EveryBadAnswerToEveryCommandAsATrace) {
+  constexpr std::pair<const char*, Kind> kKinds[] = {
+      {"status", Kind::status},       {"wrong type", Kind::wrong_type},
+      {"two bytes", Kind::two_bytes}, {"cut short", Kind::cut_short},
+      {"silent", Kind::silent},       {"garbage first", Kind::garbage_first},
+      {"wrong crc", Kind::wrong_crc}};
+  std::string told;
+  for (const uint8_t command : kSteps) {
+    for (const auto& kind : kKinds) {
+      told += in_fresh_process([&] {
+        Bench bench;
+        bench.bootloader().quirks = {{command, 0, kind.second, 3}};
+        const int result = upgrade_and_run();
+        std::string text = "== " + hex({command}) + " " + kind.first + ": " +
+                           std::to_string(result) + ", state " +
+                           std::to_string(get_upgrade_state()) + ", budget " +
+                           std::to_string(budget_in_file(bench.rig)) + ", last command " +
+                           hex({bench.rig.device.boot_commands().back().code}) + "\n";
+        for (const std::string& line : bench.rig.trace.driver_lines()) {
+          const bool own = line.find(":upgrade_and_run]") != std::string::npos;
+          if (own || line.find("success") != std::string::npos) text += line + "\n";
+        }
+        return text + (Bench::live() == 0 ? "" : "leaks\n");
+      });
+    }
+  }
+  EXPECT_EQ(golden_difference("rewrite-failures", lines_of(told)), "");
+}
+
+// The first bad answer costs an attempt, and the one after it succeeds; ten of them end the start.
+TEST(BootRewrite, AFailedRewriteIsTriedAgain) {
+  for (const uint8_t command : kSteps) {
+    for (const int nth : {1, 0}) {
+      const std::string told = in_fresh_process([&] {
+        Bench bench;
+        bench.bootloader().quirks = {{command, nth, Kind::status, 9}};
+        if (command == kWrite && nth == 1) bench.bootloader().quirks[0].nth = 2;
+        const int result = wrx7700_upgrade_pt(&bench.rig.dev, 1);
+        const bool good = holds(bench.rig.device.memory(), bench.image);
+        return std::to_string(result) + (good ? " good " : " bad ") +
+               std::to_string(bench.rig.trace.count("set_upgrade_state] state 1"));
+      });
+      std::string expected = nth == 1 ? "0 good 2" : "-1 bad 10";
+      if (command == kRun) expected = "0 good 1";
+      if (command == kSecurity && nth == 0) expected = "-1 good 10";  // all is there but the start
+      EXPECT_EQ(told, expected) << int{command} << " nth " << nth;
+    }
+  }
+}
+
+// Four milliseconds a frame, a second at the end; never less, never more.
+TEST(BootRewrite, TakesExactlyItsPauses) {
+  const std::pair<size_t, int64_t> rows[] = {{1, 24},   {240, 24},      {241, 28},       {480, 28},
+                                             {481, 32}, {245760, 4116}, {2097152, 34976}};
+  for (const auto& [size, ms] : rows) {
+    Bench bench(size);
+    EXPECT_EQ(bench.rig.time_of([] { EXPECT_EQ(upgrade_and_run(), 0); }), ms) << size;
+    EXPECT_TRUE(holds(bench.rig.device.memory(), bench.image));
+    break_firmware(bench.rig);
+    EXPECT_EQ(bench.rig.time_of([&] { EXPECT_EQ(wrx7700_upgrade_pt(&bench.rig.dev, 1), 0); }),
+              ms + 1000);
+  }
+}
+
+}  // namespace
+}  // namespace wrx_test
