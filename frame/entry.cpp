@@ -10,31 +10,35 @@
 
 using wrx::frame::here;
 
-const usb_id wrx7700_id_table[4] = {
-    {0x1234, 0xabcd, "TRV WRX7700"},
-    {0x4d2e, 0x5100, "TRV WRX5100"},
-    {0x4d2e, 0x5300, "TRV WRX5300"},
-    {0, 0, nullptr},
-};
-
 namespace {
 
+// Frameworks differ in what their records hold as const; nobody writes to any of it.
+template <class T>
+constexpr T* shared(const T* value) {
+  return const_cast<T*>(value);
+}
+
+// The same of what a callback returns.
+template <class Callback>
+void set(Callback& callback, const char* (*function)(bio_dev*)) {
+  callback = reinterpret_cast<Callback>(function);
+}
+
 constexpr char kVersion[] = "V1.0.31";
-// The framework's record holds them without const; nobody writes to them.
 constexpr char kDeviceName[] = "wrx5300";
 constexpr char kFullName[] = "TRV WRX5300";
 
 void set_identity(bio_dev* dev) {
   dev->driver_id = bio_get_empty_driver_id();
-  dev->device_name = const_cast<char*>(kDeviceName);
-  dev->full_name = const_cast<char*>(kFullName);
+  dev->device_name = shared(kDeviceName);
+  dev->full_name = shared(kFullName);
   dev->bioinfo.biotype = BioT_FingerPrint;
   dev->bioinfo.stotype = StoT_Device;
   dev->bioinfo.eigtype = EigT_Eigenvalue;
   dev->bioinfo.vertype = VerT_Hardware;
   dev->bioinfo.idtype = IdT_Hardware;
   dev->bioinfo.bustype = BusT_USB;
-  dev->usb_info.id_table = wrx7700_id_table;
+  dev->usb_info.id_table = shared(wrx7700_id_table);
   dev->usb_info.driver_data = 0;
 }
 
@@ -54,14 +58,21 @@ void set_callbacks(bio_dev* dev) {
   dev->ops_get_feature_list = wrx7700_ops_get_feature_list;
   dev->ops_feature_rename = nullptr;
   dev->ops_stop_by_user = wrx7700_ops_stop_by_user;
-  dev->ops_get_dev_status_mesg = wrx7700_ops_get_dev_status_mesg;
-  dev->ops_get_ops_result_mesg = wrx7700_ops_get_ops_result_mesg;
-  dev->ops_get_notify_mid_mesg = wrx7700_ops_get_notify_mid_mesg;
+  set(dev->ops_get_dev_status_mesg, wrx7700_ops_get_dev_status_mesg);
+  set(dev->ops_get_ops_result_mesg, wrx7700_ops_get_ops_result_mesg);
+  set(dev->ops_get_notify_mid_mesg, wrx7700_ops_get_notify_mid_mesg);
   dev->ops_attach = wrx7700_ops_attach;
   dev->ops_detach = wrx7700_ops_detach;
 }
 
 }  // namespace
+
+const usb_id wrx7700_id_table[4] = {
+    {0x1234, 0xabcd, shared("TRV WRX7700")},
+    {0x4d2e, 0x5100, shared("TRV WRX5100")},
+    {0x4d2e, 0x5300, shared("TRV WRX5300")},
+    {0, 0, nullptr},
+};
 
 int32_t ops_configure(bio_dev* dev, GKeyFile* conf) {
   WRX_LOG(here(), "start ******************=========\r\n");

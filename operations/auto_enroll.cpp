@@ -116,11 +116,15 @@ int32_t fp_get_increment_of_time_ms(struct timeval* tv_old) {
     WRX_LOG(here(), "the param is error!!!\r\n");
     return 0;
   }
+  return static_cast<int32_t>(wrx::operations::elapsed_ms(*tv_old));
+}
+
+int64_t wrx::operations::elapsed_ms(const struct timeval& then) {
   struct timeval now {};
   gettimeofday(&now, nullptr);
-  const int64_t microseconds = (static_cast<int64_t>(now.tv_sec) - tv_old->tv_sec) * 1000000 +
-                               (static_cast<int64_t>(now.tv_usec) - tv_old->tv_usec);
-  return static_cast<int32_t>(microseconds / 1000);
+  const int64_t microseconds = (static_cast<int64_t>(now.tv_sec) - then.tv_sec) * 1000000 +
+                               (static_cast<int64_t>(now.tv_usec) - then.tv_usec);
+  return microseconds / 1000;
 }
 
 uint8_t fp_get_current_enroll_time(void) {

@@ -2,6 +2,7 @@
 // The framework's words, set in one place.
 #include "operations/host_words.h"
 
+#include <glib.h>
 #include <libintl.h>
 
 #include <algorithm>
@@ -44,13 +45,19 @@ void report_absent(bio_dev* dev) {
   bio_set_notify_abs_mid(dev, NOTIFY_COMM_DISABLE);
 }
 
-void tell(bio_dev* dev, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(info_of(dev).extra_info, kExtraInfoSize, gettext(format), arguments);
-  va_end(arguments);
+void tell_text(bio_dev* dev, const char* text) {
+  g_strlcpy(info_of(dev).extra_info, text, kExtraInfoSize);
   bio_set_notify_abs_mid(dev, MID_EXTENDED_MESSAGE);
   show_notification(dev);
+}
+
+void tell(bio_dev* dev, const char* format, ...) {
+  char text[kExtraInfoSize];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, gettext(format), arguments);
+  va_end(arguments);
+  tell_text(dev, text);
 }
 
 const char* notification_text(bio_dev* dev) {

@@ -21,8 +21,10 @@ void report(bio_dev* dev, int outcome);
 /// The module is gone, or the device switched off: result 2 with notification 5.
 void report_absent(bio_dev* dev);
 
-/// Formats a translated message into the driver's record and announces it as an extended
-/// notification.
+/// Announces a text in the user's language as an extended notification.
+void tell_text(bio_dev* dev, const char* text);
+
+/// Translates and formats a message, and announces it likewise.
 [[gnu::format(printf, 2, 3)]] void tell(bio_dev* dev, const char* format, ...);
 
 /// The framework's text for the notification; never null.

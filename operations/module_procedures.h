@@ -91,4 +91,8 @@ inline constexpr uint8_t kSecurityLevel = 3;
 inline constexpr uint16_t kWholeLibrary = 0xFFFF;
 inline constexpr uint16_t kIdentifyOption = 1;
 
+/// Milliseconds since `then` by the wall clock, towards zero; below 0 when that was set back since.
+/// Unlike fp_get_increment_of_time_ms it does not start over after 24 days.
+int64_t elapsed_ms(const struct timeval& then);
+
 }  // namespace wrx::operations

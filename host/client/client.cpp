@@ -80,7 +80,7 @@ host::Outcome Client::operate(const std::string& prompt,
     operation(device());
   });
   const Outcome ended = outcome();
-  const bool silent = ended == Outcome::TimedOut || ended == Outcome::Failed;
+  const bool silent = ended == Outcome::TimedOut || ended == Outcome::Failed || monitor_.full();
   return silent && moduleIsGone() ? Outcome::Absent : ended;
 }
 

@@ -71,9 +71,11 @@ Report enrol_refusal(Client& client, Outcome outcome) {
             tr("this finger is enrolled for {} already", user_words(client.options().uid)),
             "",
             {{"reason", "duplicate"}}};
-  if (client.monitor().full())
+  if (client.monitor().full() && outcome == Outcome::Refused)
     return {
         Outcome::Refused, tr("there is no room for another fingerprint"), "", {{"reason", "full"}}};
+  if (client.monitor().silent() && outcome == Outcome::Refused)
+    return {Outcome::Failed, tr("the module did not answer"), "", {}};
   return unanswered(client, outcome);
 }
 
@@ -84,6 +86,7 @@ Report enroll(Client& client) {
   const int index = enrol_index(client, client.fingers(options.uid, 0, kNoUpperEnd));
   std::string finger_name = options.finger_name;
   client.monitor().onDuplicate([&client] { client.requestStop(); });
+  client.monitor().askUnanswered([&client] { return client.plugin().unanswered(); });
   const std::string prompt =
       tr("Enrolling finger {} (\"{}\") of {}: touch the sensor once, then {} times more.", index,
          finger_name, user_words(options.uid), host::kEnrolStages);

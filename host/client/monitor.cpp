@@ -63,7 +63,8 @@ void Monitor::hear(void* self, bio_dev*, bio_event event, int number, const char
 void Monitor::driverSays(int number, const std::string& text) {
   output_.driverSays(number, text);
   if (text == gettext(host::driver_text::kEnrolStarted)) enrolling_ = true;
-  if (text == gettext(host::driver_text::kFull)) full_ = true;
+  if (text == gettext(host::driver_text::kFull))
+    (unanswered_ && unanswered_() ? silent_ : full_) = true;
   if (!enrolling_ && !duplicate_ && text == gettext(host::driver_text::kDuplicate)) {
     duplicate_ = true;
     if (on_duplicate_) on_duplicate_();

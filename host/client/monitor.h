@@ -23,11 +23,15 @@ class Monitor {
   /// Called (on the operation's thread) when the driver finds that the finger to be enrolled is
   /// the user's already; without a listener the driver goes on asking for another finger.
   void onDuplicate(std::function<void()> listener) { on_duplicate_ = std::move(listener); }
+  /// Asked (on that thread) whether the module left the driver's last command without an answer.
+  void askUnanswered(std::function<bool()> unanswered) { unanswered_ = std::move(unanswered); }
 
   /// The database's first failure, empty when there was none.
   std::string storeError() const;
   bool duplicate() const { return duplicate_; }
   bool full() const { return full_; }
+  /// The driver said that there is no room, but the module had not answered it.
+  bool silent() const { return silent_; }
 
  private:
   static void hear(void* self, bio_dev* dev, bio_event event, int number, const char* text);
@@ -35,10 +39,11 @@ class Monitor {
 
   Output& output_;
   std::function<void()> on_duplicate_;
+  std::function<bool()> unanswered_;
   mutable std::mutex guard_;
   std::string store_error_;
   // Of the operation's thread; read when it has ended.
-  bool duplicate_ = false, full_ = false, enrolling_ = false;
+  bool duplicate_ = false, full_ = false, silent_ = false, enrolling_ = false;
 };
 
 }  // namespace wrx::client

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "outcome.h"
+#include "protocol/packet.h"
+#include "records/prot_codes.h"
 
 namespace wrx::host {
 namespace {
@@ -87,6 +89,12 @@ void PluginHost::stop() {
   constexpr int kLongestWaitMs = 3000;
   if (bio_get_dev_status(device_) != DEVS_COMM_IDLE)
     device_->ops_stop_by_user(device_, kLongestWaitMs);
+}
+
+bool PluginHost::unanswered() const {
+  const auto last = reinterpret_cast<decltype(&fp_resp_type_get)>(
+      dlsym(device_->plugin_handle, "fp_resp_type_get"));
+  return last != nullptr && last() == kNoAnswer;
 }
 
 void* PluginHost::symbol(const char* name) const {

@@ -40,6 +40,10 @@ class PluginHost {
   /// the device is idle. From another thread than the operation's.
   void stop();
 
+  /// Whether the driver's last exchange with the module brought no answer; false for a plug-in that
+  /// does not tell. On the thread of the operation, where the driver announces something.
+  bool unanswered() const;
+
   /// An exported function of the plug-in. Throws Failure when it has none of this name.
   template <class Function>
   Function* function(const char* name) const {

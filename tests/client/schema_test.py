@@ -37,6 +37,8 @@ LIVES = {
     "AFingerThatIsThereAlready": [
         ("enroll --uid 7 --index 3", THUMB, DONE), ("enroll --uid 7", THUMB, REFUSED),
         ("enroll --uid 7 --index 3", "press other x9", REFUSED),
+        ("enroll --uid 7", "refuse 31 0; press other x9", FAILED),
+        ("enroll --uid 7", "press other x9; unplug after 100 transfers", ABSENT),
     ],
     "TheModule": [
         ("info", "lift", DONE), ("discover", "lift", DONE), ("init", "lift", DONE),

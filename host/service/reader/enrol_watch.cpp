@@ -28,9 +28,11 @@ constexpr BadPress kBadPresses[] = {
 
 }  // namespace
 
-EnrolWatch::EnrolWatch(std::function<void(Press)> pressed, std::function<void()> stop)
+EnrolWatch::EnrolWatch(std::function<void(Press)> pressed, std::function<void()> stop,
+                       std::function<bool()> unanswered)
     : pressed_(std::move(pressed)),
       stop_(std::move(stop)),
+      unanswered_(std::move(unanswered)),
       listener_{[this](const std::string& text) { hear(text); },
                 [this](int percent) {
                   // Percentages are cut to whole ones; a press is more than eight of them.
@@ -39,7 +41,8 @@ EnrolWatch::EnrolWatch(std::function<void(Press)> pressed, std::function<void()>
 
 void EnrolWatch::hear(const std::string& text) {
   if (text == gettext(texts::kEnrolStarted)) started_ = true;
-  if (text == gettext(texts::kFull)) full_ = true;
+  // The driver says the same of a module without a free slot and of one that does not tell.
+  if (text == gettext(texts::kFull)) (unanswered_() ? silent_ : full_) = true;
   if (text == gettext(texts::kDuplicate)) {
     // Once presses of the right finger were taken, another finger's is only a slip.
     if (started_ && taken_ > 0) return pressed_(Press::Repeated);
@@ -66,6 +69,7 @@ Ending EnrolWatch::ending(Outcome outcome, const std::function<bool()>& stored) 
     case Outcome::Stopped:
       return Ending::Stopped;
     case Outcome::Refused:
+      if (silent_) return Ending::Failed;
       return full_ ? Ending::Full : Ending::Refused;
     case Outcome::Absent:
       return Ending::Disconnected;

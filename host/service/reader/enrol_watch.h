@@ -14,8 +14,10 @@ namespace wrx::service {
 /// Lives on the thread of the enrolment.
 class EnrolWatch {
  public:
-  /// `stop` ends the driver's endless check for duplicates.
-  EnrolWatch(std::function<void(Press)> pressed, std::function<void()> stop);
+  /// `stop` ends the driver's endless check for duplicates. `unanswered` tells whether the module
+  /// left the driver's last command without an answer.
+  EnrolWatch(std::function<void(Press)> pressed, std::function<void()> stop,
+             std::function<bool()> unanswered);
   EnrolWatch(const EnrolWatch&) = delete;
   EnrolWatch& operator=(const EnrolWatch&) = delete;
 
@@ -37,11 +39,13 @@ class EnrolWatch {
 
   std::function<void(Press)> pressed_;
   std::function<void()> stop_;
+  std::function<bool()> unanswered_;
   DriverEvents::Listener listener_;
   int taken_ = 0;
   bool started_ = false;
   bool duplicate_ = false;
   bool full_ = false;
+  bool silent_ = false;
 };
 
 }  // namespace wrx::service

@@ -125,7 +125,8 @@ void Operations::enrol(Job& job, int uid, int finger, const std::function<void(P
     Verdict verdict;
     if (!store_readable()) return tell({Ending::Failed, -1});
     if (!open(job, verdict)) return tell(verdict);
-    EnrolWatch watch(pressed, [&job] { job.stop(); });
+    EnrolWatch watch(
+        pressed, [&job] { job.stop(); }, [this] { return host_.unanswered(); });
     {
       const Closing closing(host_);
       if (job.stopRequested()) return tell({Ending::Stopped, -1});
@@ -138,8 +139,10 @@ void Operations::enrol(Job& job, int uid, int finger, const std::function<void(P
       if (ended == Outcome::TimedOut && watch.taken() == 0 && !job.stopRequested()) continue;
       verdict.ending = watch.ending(ended, [&] { return is_stored(device, uid, finger); });
       if (verdict.ending == Ending::Enrolled) watch.complete();
-      if (verdict.ending != Ending::Failed) return tell(verdict);
+      if (verdict.ending != Ending::Failed && verdict.ending != Ending::Full) return tell(verdict);
     }
+    // Of a module that was pulled out the driver says that it is full.
+    if (verdict.ending == Ending::Full && discover()) return tell(verdict);
     return tell(lost());
   }
 }
