@@ -65,6 +65,6 @@ else()
   wrx_driver_objects(wrx_driver_for_tests ".")
 endif()
 
-set(WRX_PLUGIN_DIR ${CMAKE_INSTALL_LIBDIR}/biometric-authentication/drivers CACHE STRING
+set(WRX_PLUGIN_DIR ${CMAKE_INSTALL_LIBDIR}/libbiometric/drivers CACHE STRING
     "where the framework looks for its drivers")
 install(TARGETS wrx5300 LIBRARY DESTINATION ${WRX_PLUGIN_DIR})

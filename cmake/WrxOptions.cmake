@@ -15,6 +15,9 @@ set(WRX_FRAMEWORK "stand-in" CACHE STRING
 set_property(CACHE WRX_FRAMEWORK PROPERTY STRINGS stand-in system)
 set(WRX_FRAMEWORK_PKG "libbiometric" CACHE STRING "pkg-config name of the system's framework")
 set(WRX_FRAMEWORK_HEADER "libbiometric.h" CACHE STRING "the system framework's public header")
+option(WRX_PUBLIC_FRAMEWORK
+  "install the stand-in framework for other programs too: among the public libraries, with its header" OFF)
+option(WRX_WERROR "take the compiler's warnings for errors" OFF)
 set(WRX_SANITIZE "" CACHE STRING "sanitizers to build with, e.g. address,undefined or thread")
 option(WRX_BENCH "build the benchmarks" OFF)
 option(WRX_FUZZ "build the fuzzers (clang)" OFF)
@@ -22,7 +25,14 @@ option(WRX_MUTATE "link the tests with the driver as a shared library, for tests
 
 add_library(wrx_warnings INTERFACE)
 target_compile_options(wrx_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${WRX_WERROR}>:-Werror>)
+
+# Where the stand-in framework is installed: out of the way of a framework that the machine has, in a
+# folder that only the programs of this tree look into.
+set(WRX_FRAMEWORK_DIR ${CMAKE_INSTALL_LIBDIR}/wrx5300)
+if(WRX_PUBLIC_FRAMEWORK)
+  set(WRX_FRAMEWORK_DIR ${CMAKE_INSTALL_LIBDIR})
+endif()
 
 # Hardening belongs to every object that ships; the sanitizers bring their own checks instead.
 if(WRX_SANITIZE)

@@ -55,6 +55,7 @@ copy_libraries() {
     for library in $(find "$root/bin" "$root/usr" -type f -print0 |
       xargs -0 "$triplet-readelf" -d 2>/dev/null | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p' | sort -u); do
       [ -e "$root/usr/lib/$triplet/$library" ] && continue
+      [ -e "$root/usr/lib/$triplet/wrx5300/$library" ] && continue
       # shellcheck disable=SC2086
       found=$(find $places -maxdepth 1 -name "$library" 2>/dev/null | head -n 1)
       [ -n "$found" ] || { echo "no arm64 library $library" >&2; return 1; }
