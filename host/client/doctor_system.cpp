@@ -157,12 +157,12 @@ Finding check_holder(Scene& scene) {
     return {Health::Ok, tr("nobody else holds the module"), ""};
   if (module.claimed == 0)
     return {Health::Note, tr("{} has it open as well", names),
-            tr("do not use both at once; type: systemctl status wrxd")};
+            tr("do not use both at once; type: systemctl status fprintd")};
   if (programs.empty())
     return {Health::Bad, tr("its interface is held by the kernel or another user's program"),
             tr("type: sudo wrxctl doctor")};
   return {Health::Bad, tr("its interface is held by {}", names),
-          tr("end it, for the service: sudo systemctl stop wrxd")};
+          tr("end it, for the service: sudo systemctl stop fprintd")};
 }
 
 Finding check_power(Scene& scene) {

@@ -15,13 +15,14 @@ namespace {
 
 constexpr int kFailed = 1;
 
-/// A descriptor that tells of requests to end. The signals are blocked in every thread, since none
-/// has been started yet.
+/// A descriptor that tells of requests to end, or (SIGHUP) to make way. The signals are blocked in
+/// every thread, since none has been started yet.
 int ending_signals() {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGTERM);
   sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }

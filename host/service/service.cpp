@@ -3,7 +3,11 @@
 
 #include "host/service/service.h"
 
+#include <sys/signalfd.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <utility>
 
@@ -18,6 +22,9 @@ constexpr char kDevicePath[] = "/net/reactivated/Fprint/Device/0";
 
 // A module that slept comes back as a new device, a moment after the machine.
 constexpr std::chrono::seconds kReturnTime{5};
+
+// Between the calls of one client, which must not find the service gone.
+constexpr std::chrono::seconds kMakeWayTime{1};
 
 /// The state folder, for the service's user alone, before anything is put there.
 const Options& prepared(const Options& options) {
@@ -159,8 +166,17 @@ void Service::leave() {
   loop_.after(options_.idle_exit, [this] { watchIdleness(); });
 }
 
+/// An upgrade has replaced the program: it makes way as soon as nobody uses it.
+void Service::signalled(int signals) {
+  signalfd_siginfo signal{};
+  if (read(signals, &signal, sizeof signal) != sizeof signal) return;
+  if (signal.ssi_signo != SIGHUP) return loop_.quit();
+  options_.idle_exit = kMakeWayTime;
+  watchIdleness();
+}
+
 void Service::run(int signals) {
-  loop_.watch(signals, [this] { loop_.quit(); });
+  loop_.watch(signals, [this, signals] { signalled(signals); });
   if (options_.idle_exit.count() > 0) watchIdleness();
   loop_.run(*bus_);
   loop_.unwatch(signals);

@@ -36,6 +36,7 @@ class Service {
   ~Service();
 
   /// Serves until it is told to end by a signal on `signals` (a signalfd), or has nothing to do.
+  /// SIGHUP shortens the time of having nothing to do to a second.
   void run(int signals);
 
  private:
@@ -49,6 +50,7 @@ class Service {
   bool busy() const;
   void watchIdleness();
   void leave();
+  void signalled(int signals);
 
   Options options_;
   Trace trace_;

@@ -61,11 +61,9 @@ class Installed(unittest.TestCase):
         changed.touch()
         subprocess.run(["cmake", "--install", support.BUILD, "--prefix", "/opt/wrx"], check=True,
                        stdout=subprocess.DEVNULL, env=dict(os.environ, DESTDIR=stage))
-        for name in ("lib/systemd/system/wrxd.service",
-                     "share/dbus-1/system-services/net.reactivated.Fprint.service"):
-            text = pathlib.Path(f"{stage}/opt/wrx/{name}").read_text()
-            program = re.search(r"^Exec(?:Start)?=(\S+)", text, re.M)[1]
-            self.assertTrue(os.access(stage + program, os.X_OK), program)
+        drop_in = stage + "/opt/wrx/lib/systemd/system/fprintd.service.d/wrxd.conf"
+        program = re.search(r"^ExecStart=(\S+)", pathlib.Path(drop_in).read_text(), re.M)[1]
+        self.assertTrue(os.access(stage + program, os.X_OK), program)
         self.assertEqual(changed.read_text(), "")
         self.assertTrue((changed.parent / "extra.conf.d/vestrel-m6600.conf").exists())
 

@@ -3,8 +3,12 @@
 
 import os
 import re
+import shutil
+import signal
 import stat
 import subprocess
+import tempfile
+import time
 import xml.etree.ElementTree as xml
 
 import dbus
@@ -149,15 +153,30 @@ def rights_of_files():
         assert "bio_idx_name = left-thumb" in bench.trace()
 
 
-@case("the unit exposes no more than 2.0 of 10")
+@case("in fprintd's unit the service exposes no more than 2.0 of 10")
 def unit():
-    unit_file = BUILD + "/packaging/wrxd.service"
-    done = subprocess.run(
-        ["systemd-analyze", "security", "--offline=true", "--threshold=20", "--no-pager", unit_file],
-        capture_output=True, text=True, check=False,
-    )
+    with tempfile.TemporaryDirectory() as units:
+        shutil.copy("/lib/systemd/system/fprintd.service", units)
+        os.mkdir(units + "/fprintd.service.d")
+        shutil.copy(BUILD + "/packaging/wrxd.conf", units + "/fprintd.service.d")
+        done = subprocess.run(
+            ["systemd-analyze", "security", "--offline=true", "--threshold=20", "--no-pager"]
+            + [units + "/fprintd.service"],
+            capture_output=True, text=True, check=False,
+        )
     assert done.returncode == 0, done.stdout[-200:] + done.stderr
-    assert float(re.search(r"wrxd.service: ([\d.]+)", done.stdout)[1]) <= 2.0
+    assert float(re.search(r"fprintd.service: ([\d.]+)", done.stdout)[1]) <= 2.0
+
+
+@case("told to make way, the service leaves when its client is done, not before")
+def makes_way():
+    with Bench() as bench:
+        client = bench.client()
+        client.call("Claim", "")
+        bench.service.send_signal(signal.SIGHUP)
+        time.sleep(1.5)
+        client.call("Release")
+        assert bench.service.wait(5) == 0
 
 
 @case("a call starts the service, idleness ends it, the next call starts it again")
