@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Writes the udev rules or the hardware database of the module from the driver's own tables: its
-// USB ids, and the identity it looks for a bootloader under.
+// Writes what the system has to know of the module's identities from the driver's own tables, its
+// USB ids and the identity it looks for a bootloader under: the udev rules, the hardware database,
+// and what a software centre reads.
 //
-//   wrx-generate-udev rules|hwdb
+//   wrx-generate-udev rules|hwdb|metainfo
 
 #include <dlfcn.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -52,10 +55,10 @@ std::vector<Identity> identities() {
   return all;
 }
 
-constexpr char kMade[] = "# Made from the driver's tables by wrx-generate-udev; do not edit.\n";
+constexpr char kMade[] = "Made from the driver's tables by wrx-generate-udev; do not edit.";
 
 std::string rules() {
-  std::string text = kMade;
+  std::string text = fmt::format("# {}\n", kMade);
   text +=
       "# The module obeys whoever may write to its device node: it can be told to forget a finger\n"
       "# or to learn one. So the node belongs to a group of its own, and to nobody else; a seat's\n"
@@ -78,7 +81,7 @@ std::string rules() {
 }
 
 std::string hwdb() {
-  std::string text = kMade;
+  std::string text = fmt::format("# {}\n", kMade);
   for (const Identity& id : identities())
     text += fmt::format(
         "\n# {}\n"
@@ -90,16 +93,47 @@ std::string hwdb() {
   return text;
 }
 
+/// With it a software centre offers the package that has the file when the module is plugged in.
+std::string metainfo() {
+  std::string text = fmt::format(
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<!-- {} -->\n",
+      kMade);
+  text +=
+      "<component type=\"driver\">\n"
+      "  <id>net.wrx5300.wrxd</id>\n"
+      "  <metadata_license>FSFAP</metadata_license>\n"
+      "  <project_license>LGPL-2.1-or-later</project_license>\n"
+      "  <name>WRX5300 fingerprint reader</name>\n"
+      "  <summary>Log in with the WRX5300 fingerprint module</summary>\n"
+      "  <description>\n"
+      "    <p>Driver and service for the WRX5300 USB fingerprint module: log in, unlock the "
+      "screen\n"
+      "    and use sudo with a finger.</p>\n"
+      "  </description>\n"
+      "  <provides>\n";
+  for (const Identity& id : identities())
+    text += fmt::format("    <modalias>usb:v{:04X}p{:04X}d*</modalias>\n", id.vendor, id.product);
+  return text + "  </provides>\n</component>\n";
+}
+
+struct Kind {
+  std::string_view name;
+  std::string (*text)();
+};
+constexpr Kind kKinds[] = {{"rules", rules}, {"hwdb", hwdb}, {"metainfo", metainfo}};
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::string_view wanted = argc == 2 ? argv[1] : "";
-  if (wanted != "rules" && wanted != "hwdb") {
-    fmt::print(stderr, "usage: wrx-generate-udev rules|hwdb\n");
+  const Kind* kind = std::ranges::find(kKinds, wanted, &Kind::name);
+  if (kind == std::end(kKinds)) {
+    fmt::print(stderr, "usage: wrx-generate-udev rules|hwdb|metainfo\n");
     return 2;
   }
   try {
-    fmt::print("{}", wanted == "rules" ? rules() : hwdb());
+    fmt::print("{}", kind->text());
     return 0;
   } catch (const std::exception& error) {
     fmt::print(stderr, "wrx-generate-udev: {}\n", error.what());

@@ -32,7 +32,7 @@ def entries(catalogue):
 
 class Udev(unittest.TestCase):
     def test_FilesAreAsTheDriversTablesAre(self):
-        for kind in ("rules", "hwdb"):
+        for kind in ("rules", "hwdb", "metainfo"):
             self.assertEqual((PACKAGING / f"udev/60-wrx5300.{kind}").read_text(),
                              made("wrx-generate-udev", kind))
 
