@@ -4,7 +4,8 @@
 # enrolled, refused as a duplicate, verified, identified, searched, listed, cleaned; then the
 # module's firmware is upgraded. Every step's exit code and, where it counts, its words are checked.
 #
-#   demo.sh BUILD_FOLDER
+#   demo.sh BUILD_FOLDER    what was built there
+#   demo.sh /usr            what is installed, as root; it changes the configuration in /etc
 set -euo pipefail
 
 build=$(cd "$1" && pwd)
@@ -60,8 +61,13 @@ fi
 printf '\nThe module holds no template and the database no record: they agree.\n'
 
 # The upgrade needs an image and its configuration where the driver looks for them: a twin of the
-# plug-in has its system paths below the build folder.
+# plug-in has its system paths below the build folder. It is not installed.
 system=$build/scratch/etc
+scratch=(--plugin "$build/lib/wrx5300-scratch.so" --simulate)
+if [ ! -e "$build/lib/wrx5300-scratch.so" ]; then
+  system=/etc
+  scratch=(--simulate)
+fi
 mkdir -p "$system/biometric-auth/extra.conf.d" "$system/wrx6600/extra"
 printf '[BASIC_PARAM]\nUpgradeFlag=1\nUpgradeMode=SMART_UPGRADE\n' \
   >"$system/biometric-auth/extra.conf.d/vestrel-m6600.conf"
@@ -70,7 +76,6 @@ echo ACM32FP_V123 >"$system/wrx6600/extra/trv_fw.conf"
   printf 'acm32_btl_zelta_pc_000123'
   head -c 61000 /dev/zero | tr '\0' 'f'
 } >"$system/wrx6600/extra/ACM32FP_V123.bin"
-scratch=(--plugin "$build/lib/wrx5300-scratch.so" --simulate)
 step 0 'The next start upgrades' firmware "${scratch[@]}"
 step 0 'upgraded the module' init "${scratch[@]}"
 step 0 '0 upgrades left' firmware "${scratch[@]}"
