@@ -15,6 +15,7 @@ tests=OFF
 cmake --preset arm64 -DWRX_UNIT_TESTS=$tests >/dev/null
 cmake --build --preset arm64 -- --quiet
 cd build/arm64
-python3 -B "$source/tests/binary/check.py" lib/wrx5300.so lib/libbiometric.so bin/wrxctl bin/wrx-module
+python3 -B "$source/tests/binary/check.py" lib/wrx5300.so lib/libbiometric.so bin/wrxctl \
+  bin/wrxd bin/wrx-module
 cd "$source"
 [ "${1:-}" != --test ] || ctest --preset arm64 -j "$(nproc)"

@@ -4,8 +4,9 @@
 
 # Installed on the building machine.
 BUILD_PACKAGES="g++-aarch64-linux-gnu qemu-user-static ninja-build cmake pkg-config dpkg-dev python3
-  nlohmann-json3-dev libcli11-dev
+  nlohmann-json3-dev libcli11-dev libsdbus-c++-bin
   libusb-1.0-0-dev:arm64 libglib2.0-dev:arm64 libsqlite3-dev:arm64 libfmt-dev:arm64
+  libspng-dev:arm64 libsdbus-c++-dev:arm64 libsystemd-dev:arm64 libudev-dev:arm64
   libgtest-dev:arm64 libgmock-dev:arm64"
 SYSTEM_PACKAGES="qemu-system-arm cpio"
 # Unpacked into the guest, never installed; the kernel comes with them.
