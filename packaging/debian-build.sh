@@ -29,18 +29,23 @@ jobs=$(nproc) mask=022
 if [ -n "$second" ]; then
   folder=$work/a/longer/way/wrx5300 user=daemon jobs=1 mask=027
   where=(TZ=Pacific/Kiritimati LC_ALL=fr_CH.UTF-8 LANGUAGE=fr HOME=/var/empty)
-elif command -v ccache >/dev/null; then
-  where+=("PATH=/usr/lib/ccache:$PATH" "CCACHE_DIR=${CCACHE_DIR:-$work/ccache}" "CCACHE_UMASK=000")
 fi
 mkdir -p "$folder" "$out"
 # What git has and what it would take, so that a working tree can be tried.
 git -C "$source" ls-files -z --cached --others --exclude-standard --deduplicate |
-  (cd "$source" && xargs -0 sh -c 'for f; do [ -e "$f" ] && printf "%s\0" "$f"; done; :' sh) |
+  (cd "$source" && xargs -0 sh -c 'for f; do [ ! -e "$f" ] || printf "%s\0" "$f"; done' sh) |
   tar -C "$source" --null -T - -c | tar -C "$folder" -x
 as=()
 if [ "$(id -u)" = 0 ]; then
   chown -R "$user:" "$work"
   as=(setpriv --reuid="$user" --regid="$(id -g "$user")" --clear-groups)
+fi
+
+# A compiler cache of its own, where the machine has one and the user can reach it.
+cache=$source/build/packages-ccache
+if [ -z "$second" ] && command -v ccache >/dev/null && mkdir -p "$cache" && chmod 1777 "$cache" &&
+  "${as[@]}" test -w "$cache"; then
+  where+=("PATH=/usr/lib/ccache:$PATH" "CCACHE_DIR=$cache" "CCACHE_BASEDIR=$folder" CCACHE_NOHASHDIR=1)
 fi
 (
   umask "$mask"
