@@ -1,68 +1,55 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""The small changes that can be made in a C++ source as clang-format leaves it.
+"""The small changes that can be made in a C++ source as clang-format leaves it: another operator,
+another constant, a condition turned, a statement dropped.
 
-A change is known by what a reader sees of it: file, function (or table) around it, the line before
-and the line after. Where several changes of a function look alike they are numbered. Line numbers
-are not part of it, so that a listed change is found again after the file has moved on.
+A change is known by what a reader sees of it: name of the file, function (or table) around it, the
+line before and the line after. Where several of a function look alike they are numbered. Neither the
+folder nor the number of the line is part of it, so that it is found again after the file has moved.
 """
 
 import hashlib
 import re
-from dataclasses import dataclass
+from collections import Counter, namedtuple
 
 DROPPED = "(dropped)"
-A_LINE = 4
-
+A_LINE = 4  # changes, at most
 OPERATORS = {
-    "==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">", "&&": "||", "||": "&&",
-    "+": "-", "-": "+", "*": "/", "/": "*", "%": "/", "<<": ">>", ">>": "<<", "&": "|", "|": "&",
-    "^": "|", "+=": "-=", "-=": "+=", "^=": "|=", "|=": "&=", ">>=": "<<=",
+    "==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">", "&&": "||", "||": "&&", "!": "",
+    "+": "-", "-": "+", "*": "/", "/": "*", "%": "/", "<<": ">>", ">>": "<<", "&": "|", "|": "&", "^": "|",
+    "+=": "-=", "-=": "+=", "^=": "|=", "|=": "&=", ">>=": "<<=", "++": "--",
+    "true": "false", "false": "true",
 }
-KEYWORDS = {"if", "for", "while", "switch", "return", "static_assert", "else", "do", "case", "sizeof"}
-COMMUTATIVE = {"min", "max", "memcmp", "calloc"}
-SIMPLE = r"[\w.:\[\]&*>-]+(?:\([^(),]*\))?"  # an argument without operators
+NO_STATEMENT = re.compile(r"(?:if|for|while|switch|return|else|do|case|sizeof)\b")
+CALL_ASSIGNMENT_OR_JUMP = re.compile(
+    r"(?:\w+(?:::|\.|->))*\w+\(|[\w.:\[\]>*()-]+(?: - 1\])? (?:[-+|^&]|>>)?= "
+    r"|(?:\+\+[\w.>-]+|break|continue)$")
 
 
-@dataclass(frozen=True)
-class Mutant:
-    file: str
-    place: str  # name of the function or table
-    number: int  # of those in this place that look alike, from 1
-    old: str
-    new: str
-    line: int
-    text: str  # the whole file with the change
-
-    @property
-    def key(self):
-        return (self.file, self.place, self.number, self.old, self.new)
-
-    @property
-    def id(self):
-        return hashlib.sha1("\n".join(map(str, self.key)).encode()).hexdigest()[:8]
+# The key is what a change is known by: file, place, number, line before, line after; the id is short for
+# it. The text is the whole file with the change.
+Mutant = namedtuple("Mutant", "id path line key text")
 
 
-def blank(text, pattern, filler=" "):
+def digest(text):
+    return hashlib.sha1(text.encode()).hexdigest()
+
+
+def blank(text, pattern):
     """Overwrites what the pattern matches, line ends apart, keeping every position."""
-    return re.sub(pattern, lambda m: re.sub(r"[^\n]", filler, m[0]), text)
+    return re.sub(pattern, lambda m: re.sub(r"[^\n]", " ", m[0]), text)
 
 
-def without_comments(text, hide_strings=False):
-    token = re.compile(r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'', re.S)
-    def hide(match):
-        word = match[0]
-        if word[0] == "/":
-            return blank(word, r"(?s).+")
-        return '"' + "_" * (len(word) - 2) + '"' if hide_strings else word
-    return token.sub(hide, text)
+def without_comments(text, string=lambda word: word):
+    """The text with its comments blanked out and its strings, quotes included, as `string` says."""
+    token = r'(?s)//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|(?<!\d)\'(?:\\.|[^\'\\\n])+\''
+    return re.sub(token, lambda m: blank(m[0], "(?s).+") if m[0][0] == "/" else string(m[0]), text)
 
 
 def code_only(text):
-    """The text with all that is not to be changed blanked out. Strings become quoted underscores."""
-    text = without_comments(text, hide_strings=True)
-    text = blank(text, r"(?m)^#(?:.*\\\n)*.*$")
+    """The text with all that is not to be changed blanked out."""
+    text = without_comments(text, lambda word: '"' + "_" * (len(word) - 2) + '"')
     text = blank(text, r"(?s)\bstatic_assert\(.*?;")
-    return blank(text, r"(?m)^.*= (?:delete|default);$|^using .*;$|^ *template <.*>$")
+    return blank(text, r"(?m)^#(?:.*\\\n)*.*$|^.*= (?:delete|default);$|^using .*;$|^ *template <.*>$")
 
 
 def closing(code, at):
@@ -84,164 +71,69 @@ def places(code):
                      or re.search(r"(\w+)(?:\[\]|\{\})? =", line)
                      or re.search(r"\b(?:class|struct|enum class|enum) (?:\[\[.*?\]\] )?(\w+)", line))
             name = found[1] if found else "-"
-        elif line[:1] == "}":
-            names.append(name)
-            name = "-"
-            continue
         names.append(name)
+        name = "-" if line[:1] == "}" else name
     return names
 
 
-def operator_changes(code):
-    for m in re.finditer(r"(?<= )(?:[=!<>]=|<<|>>|&&|\|\||[-+*/%&|^<>])(?=[ \n])", code):
+def neighbour(number, above):
+    """The number above or below, written alike. Zero has none below."""
+    value = int(number.replace("'", ""), 0)
+    value += 1 if above or value == 0 else -1
+    return f"0x{value:0{len(number) - 2}x}" if number[:2] == "0x" else str(value)
+
+
+def changed_words(code):
+    """Operators and constants. Yields where each begins and ends, and what comes there."""
+    binary = r"(?<= )(?:[=!<>]=|<<|>>|&&|\|\||[-+*/%&|^<>]|[-+^|]=|>>=)(?=[ \n])"
+    for m in re.finditer(binary + r"|!(?=[\w(])|(?<!; )\+\+(?=[\w(])|\b(?:true|false)\b", code):
         yield m.start(), m.end(), OPERATORS[m[0]]
-    for m in re.finditer(r"(?<= )(?:\+=|-=|\^=|\|=|>>=)(?= )", code):
-        yield m.start(), m.end(), OPERATORS[m[0]]
-    for m in re.finditer(r"!(?=[\w(])", code):
-        yield m.start(), m.end(), ""
-    for m in re.finditer(r"\+\+(?=[\w(])", code):
-        line = code[code.rfind("\n", 0, m.start()) + 1:m.start()]
-        if "for (" not in line:  # a loop that never ends shows nothing that its bounds do not
-            yield m.start(), m.end(), "--"
-
-
-def condition_changes(code):
-    """Negates conditions that no other change turns."""
-    for m in re.finditer(r"\b(?:if|while) \(", code):
-        end = closing(code, m.end() - 1)
-        condition = code[m.end():end]
-        if not re.search(r"[!<>=]=| [<>] |!|&&|\|\||;", condition):
-            yield m.end(), end, ("!(", ")")
-
-
-def value_changes(code):
     for m in re.finditer(r"\breturn (-1|0);", code):
         yield m.start(1), m.end(1), "0" if m[1] == "-1" else "-1"
-    for m in re.finditer(r"\b(true|false)\b", code):
-        yield m.start(), m.end(), "false" if m[0] == "true" else "true"
-    for m in re.finditer(r"(?<![\w.])(0x[0-9A-Fa-f]+|\d+)(?=U?\b(?!\.))", code):
-        if re.search(r"return -?$", code[:m.start()][-9:]) and code[m.end()] == ";":
-            continue
-        value = int(m[0], 0)
+    number = r"(?<![\w.])(?<!return )(?<!return -)(?:0x[0-9A-Fa-f]+|0|[1-9][\d']*)(?=U?\b(?!\.))"
+    for m in re.finditer(number, code):
         line = code[code.rfind("\n", 0, m.start()) + 1:code.find("\n", m.start())].strip()
-        up = value == 0 or hashlib.sha1((line + m[0]).encode()).digest()[0] % 2 == 0
-        value += 1 if up else -1
-        yield m.start(), m.end(), f"0x{value:0{m.end() - m.start() - 2}x}" if m[0][1:2] == "x" else str(value)
+        yield m.start(), m.end(), neighbour(m[0], int(digest(line + m[0])[:2], 16) % 2 == 0)
 
 
-def statements(code):
-    """Simple statements: (start, end behind the semicolon, whether a call). Alone on their lines or
-    behind the condition of an if."""
+def turned_conditions(code):
+    """Negates conditions that no other change turns."""
+    for m in re.finditer(r"\b(?:if|while) \(", code):
+        condition = code[m.end():closing(code, m.end() - 1)]
+        if not re.search(r"[!<>=]=| [<>] |!|&&|\|\||;", condition):
+            yield m.end(), m.end() + len(condition), f"!({condition})"
+
+
+def dropped_statements(code):
+    """Drops what stands alone on its lines or behind the condition of an if."""
     starts = [m.end() for m in re.finditer(r"(?m)^ +(?=[\w*+(])", code)]
-    for m in re.finditer(r"\bif \(", code):
-        end = closing(code, m.end() - 1)
-        if code[end + 1:end + 2] == " ":
-            starts.append(end + 2)
-    for start in sorted(starts):
-        before = code[:start].rstrip()[-1:]
-        if before not in ("{", "}", ";", ":", ")") or re.match(r"(\w+)\b", code[start:]) and re.match(
-                r"\w+", code[start:])[0] in KEYWORDS:
-            continue
+    starts += [closing(code, m.end() - 1) + 2 for m in re.finditer(r"\bif \(", code)]
+    for start in starts:
         end = start
         while end < len(code) and code[end] not in ";{":
             end = closing(code, end) + 1 if code[end] in "([" else end + 1
-        body = code[start:end]
-        if code[end:end + 1] != ";":
-            # The only braces of a statement are those of what is assigned.
-            end = code.find(";", end) if re.match(r"[\w.\[\]>*-]+ = ", body) else -1
-            if end < 0:
-                continue
-            body = code[start:end]
-        call = re.match(r"(?:\w+(?:::|\.|->))*\w+\(", body) is not None
-        assignment = re.match(r"[\w.:\[\]>*()-]+(?: - 1\])? (?:[-+|^&]|>>)?= ", body) is not None
-        if call or assignment or re.match(r"(?:\+\+[\w.>-]+|break|continue)$", body):
-            yield start, end + 1, call
+        if (code[:start].rstrip()[-1:] in ("{", "}", ";", ":", ")") and code[end:end + 1] == ";"
+                and not NO_STATEMENT.match(code, start)
+                and CALL_ASSIGNMENT_OR_JUMP.match(code[start:end])):
+            yield start, end, DROPPED
 
 
-def drop_changes(code):
-    for start, end, _ in statements(code):
-        yield start, end, DROPPED
+def mutants(path, text):
+    """The changes of the file `path` with content `text`, at most A_LINE from a line."""
+    def squeezed(*parts):
+        return re.sub(r"\s+", " ", "".join(parts)).strip()
 
-
-def meet(one, other):
-    """Whether two statements could see each other: both are calls, or they name something alike."""
-    (first, is_call), (second, is_other_call) = one, other
-    return is_call and is_other_call or (is_call or is_other_call) and bool(
-        set(re.findall(r"[A-Za-z]\w+", first)) & set(re.findall(r"[A-Za-z]\w+", second)))
-
-
-def statement_swaps(code):
-    """Two neighbours that could see each other change places."""
-    previous = None
-    for start, end, call in statements(code):
-        if previous is not None:
-            gap = code[previous[1]:start]
-            if meet((code[start:end], call), (code[previous[0]:previous[1]], previous[2])) and re.fullmatch(r"\n *", gap) and code[previous[0] - 1] in " \n" \
-                    and code[:previous[0]].rstrip(" ")[-1:] == "\n":
-                yield previous[0], end, (code[start:end], gap, code[previous[0]:previous[1]])
-                previous = None
-                continue
-        previous = (start, end, call)
-
-
-def argument_swaps(code):
-    """The first two neighbours among the arguments of a call that could be mistaken."""
-    pair = re.compile(rf"({SIMPLE}), +({SIMPLE})(?=[,)}}])")
-    for m in re.finditer(r"(\w+)?(?:<[\w:]+>)?([({])(?=[^\n]*,)", code):
-        if m[1] in KEYWORDS | COMMUTATIVE:
-            continue
-        end = closing(code, m.end() - 1)
-        at = m.end()
-        while at < end:
-            found = pair.match(code, at)
-            if found and found.end() <= end and "here" not in found[0] and found[1] != found[2] \
-                    and not (found[1] + found[2]).isdigit() and '"' not in found[0]:
-                yield at, found.end(), f"{found[2]}, {found[1]}"
-                break
-            while at < end and code[at] != ",":
-                at = closing(code, at) + 1 if code[at] in "([{" else at + 1
-            at += 1
-            while code[at:at + 1] in (" ", "\n"):
-                at += 1
-
-
-def squeezed(text):
-    return re.sub(r"\s+", " ", text).strip()
-
-
-def mutants(name, text):
-    """The changes of the file `name` with content `text`, in order, at most A_LINE from a line."""
-    lines = {}
-    for mutant in all_mutants(name, text):
-        lines.setdefault(mutant.line, []).append(mutant)
-    return [mutant for line in lines.values()
-            for mutant in sorted(sorted(line, key=lambda m: m.id)[:A_LINE], key=lambda m: m.key)]
-
-
-def all_mutants(name, text):
-    code = code_only(text)
-    visible = without_comments(text)
-    names = places(code)
-    changes = [change for family in (operator_changes, condition_changes, value_changes, drop_changes,
-                                     statement_swaps, argument_swaps) for change in family(code)]
-    seen = {}
-    for start, end, new in sorted(changes, key=lambda c: (c[0], c[1], str(c[2]))):
-        first = text.rfind("\n", 0, start) + 1
-        last = (text + "\n").find("\n", end)
+    code, visible = code_only(text), without_comments(text)
+    names, seen, lines = places(code), Counter(), {}
+    changes = {*changed_words(code), *turned_conditions(code), *dropped_statements(code)}
+    for start, end, new in sorted(changes):
+        first, last = text.rfind("\n", 0, start) + 1, (text + "\n").find("\n", end)
+        shown = squeezed(visible[first:last]), squeezed(visible[first:start], new, visible[end:last])
         if new == DROPPED:
-            changed = text[:start] + ";" + text[end:]
-            old_line, new_line = squeezed(visible[start:end]), DROPPED
-        else:
-            if isinstance(new, tuple) and len(new) == 2:
-                new = new[0] + text[start:end] + new[1]
-            elif isinstance(new, tuple):
-                middle = len(new[0])
-                one = text[start:end - middle - len(new[1])]
-                new = text[end - middle:end] + new[1] + one
-            changed = text[:start] + new + text[end:]
-            old_line = squeezed(visible[first:last])
-            new_line = squeezed(visible[first:start] + new + visible[end:last])
+            new, shown = "", (squeezed(visible[start:end + 1]), DROPPED)
         line = text.count("\n", 0, start)
-        key = (names[line], old_line, new_line)
-        seen[key] = seen.get(key, 0) + 1
-        yield Mutant(name, names[line], seen[key], old_line, new_line, line + 1, changed)
+        seen[names[line], shown] += 1
+        key = (path.split("/")[-1], names[line], seen[names[line], shown], *shown)
+        name = digest("\n".join(map(str, key)))[:8]
+        lines.setdefault(line, []).append(Mutant(name, path, line + 1, key, text[:start] + new + text[end:]))
+    return [mutant for line in lines.values() for mutant in sorted(line)[:A_LINE]]
