@@ -60,11 +60,14 @@ std::string framed(wrx_fuzz::Input input) {
   return stream;
 }
 
-void parse_in_pieces(std::string_view stream, std::size_t piece) {
+// Whether a packet was completed.
+bool parse_in_pieces(std::string_view stream, std::size_t piece) {
+  bool completed = false;
   for (; !stream.empty(); stream.remove_prefix(std::min(piece, stream.size()))) {
-    fp_parse_prot(reinterpret_cast<const uint8_t*>(stream.data()),
-                  static_cast<int32_t>(std::min(piece, stream.size())));
+    completed |= fp_parse_prot(reinterpret_cast<const uint8_t*>(stream.data()),
+                               static_cast<int32_t>(std::min(piece, stream.size()))) == 0;
   }
+  return completed;
 }
 
 }  // namespace
@@ -82,8 +85,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   enable_printf_log((form & kLogged) != 0 ? 1 : 0);
 
   begin(command, sub, page);
+  bool completed = false;
   for (const char byte : stream)
-    fp_deal_usb_data(static_cast<uint8_t>(byte));
+    completed |= fp_deal_usb_data(static_cast<uint8_t>(byte)) == 0;
   forget_time();
   const auto packet = std::make_unique<PROT_PACKET>(prot_packet_usb);
   const auto state = std::make_unique<FP_DEVICE_PARAM_STRUCT>(fp_device_param);
@@ -91,9 +95,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint16_t copied = usb_recv_cnt;
 
   begin(command, sub, page);
-  parse_in_pieces(stream, std::size_t{1} + std::size_t{2} * cut * cut);
+  const bool same =
+      parse_in_pieces(stream, std::size_t{1} + std::size_t{2} * cut * cut) == completed;
   forget_time();
-  if (std::memcmp(packet.get(), &prot_packet_usb, sizeof *packet) != 0 ||
+  if (!same || std::memcmp(packet.get(), &prot_packet_usb, sizeof *packet) != 0 ||
       std::memcmp(state.get(), &fp_device_param, sizeof *state) != 0 ||
       std::memcmp(copy.data(), usb_recv_data, sizeof usb_recv_data) != 0 ||
       usb_recv_cnt != copied) {

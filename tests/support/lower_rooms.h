@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the tests of the lower rooms share: the log file, and what went over the wire.
+// What the tests of the lower rooms share: the log file, and the part of a trace that is theirs.
 #pragma once
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,14 +22,14 @@ inline std::vector<std::string> lines_of(const std::string& text) {
   return lines;
 }
 
-/// Bulk transfers of the trace, "out" or "in", as hex.
-inline std::vector<std::string> transfers(Rig& rig, const std::string& direction) {
-  std::vector<std::string> result;
-  for (const std::string& line : rig.trace.lines()) {
-    if (line.find(" usb-" + direction + " ") == std::string::npos) continue;
-    result.push_back(line.substr(line.rfind(' ') + 1));
-  }
-  return result;
+/// `lines` but for those that contain one of `words`: what another trace shows already.
+inline std::vector<std::string> without(const std::vector<std::string>& words,
+                                        std::vector<std::string> lines) {
+  std::erase_if(lines, [&](const std::string& line) {
+    return std::any_of(words.begin(), words.end(),
+                       [&](const std::string& word) { return line.find(word) != line.npos; });
+  });
+  return lines;
 }
 
 }  // namespace wrx_test
