@@ -13,6 +13,7 @@
 #include <functional>
 #include <string>
 
+#include "base/owners.h"
 #include "support/rig.h"
 #include "upgrade/bootloader.h"
 #include "upgrade/upgrade.h"
@@ -115,24 +116,19 @@ class BootWire {
 /// Runs `body` in a process of its own; what it returned, or how the process died.
 inline std::string in_fresh_process(const std::function<std::string()>& body) {
   std::fflush(nullptr);
-  int ends[2] = {};
-  if (pipe(ends) != 0) return "no pipe";
+  const wrx::File file(std::tmpfile());  // which both processes hold
   const pid_t child = fork();
   if (child == 0) {
     const std::string said = body();
-    const bool written =
-        write(ends[1], said.data(), said.size()) == static_cast<ssize_t>(said.size());
-    _exit(written ? 0 : 1);
+    std::fwrite(said.data(), 1, said.size(), file.get());
+    _exit(std::fflush(file.get()));
   }
-  close(ends[1]);
-  std::string said;
-  char buffer[4096];
-  for (ssize_t n = 0; (n = read(ends[0], buffer, sizeof buffer)) > 0;) {
-    said.append(buffer, static_cast<size_t>(n));
-  }
-  close(ends[0]);
   int status = 0;
   waitpid(child, &status, 0);
+  std::rewind(file.get());
+  std::string said;
+  for (int c = 0; (c = std::fgetc(file.get())) != EOF;)
+    said += static_cast<char>(c);
   return status == 0 ? said : said + "process ended with status " + std::to_string(status);
 }
 
