@@ -4,11 +4,6 @@
 #include "fuzz/scratch.h"
 #include "upgrade/bootloader.h"
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  wrx_fuzz::enter_scratch_folder(*argc, *argv);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   wrx_fuzz::Input input(data, size);
   const std::size_t piece = input.byte() + std::size_t{1};

@@ -8,11 +8,6 @@
 #include "records/driver_info.h"
 #include "upgrade/upgrade.h"
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  wrx_fuzz::enter_scratch_folder(*argc, *argv);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   wrx_fuzz::Input input(data, size);
   const std::string_view selection = input.bytes(input.byte() + std::size_t{2});

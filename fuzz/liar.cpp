@@ -4,6 +4,8 @@
 // bootloader does wrong, and what it says of its own accord between the driver's waits.
 #include <libbiometric.h>
 
+#include <functional>
+
 #include "frame/driver.h"
 #include "fuzz/scratch.h"
 #include "module/usb/bus.h"
@@ -37,6 +39,8 @@ enum Kind : uint8_t {
 std::string good_database;
 
 void make_database() {
+  bio_host_set_db_path(kDatabase);
+  bio_host_set_hook([](void*, bio_dev*, bio_event, int, const char*) {}, nullptr);
   feature_info* info = bio_sto_new_feature_info(kUser, 0, "wrx5300", 0, "finger");
   info->sample = bio_sto_new_feature_sample(-1, "");
   info->sample->no = kSlot;
@@ -143,7 +147,8 @@ void ask_everything() {
     command();
 }
 
-void ask_bootloader(wrx_module::Device& device) {
+void ask_bootloader(bio_dev& dev, wrx_module::Device& device) {
+  dev.ops_close(&dev);
   wrx_module::bus().locked([&] {
     device.memory().stored_crc.reset();  // without an image that starts, it is what power brings
     device.power_cycle();
@@ -159,36 +164,21 @@ void ask_bootloader(wrx_module::Device& device) {
 
 void operate(bio_dev& dev, wrx_module::Device& device, uint8_t operation) {
   char name[] = "finger";
-  switch (operation % 9) {
-    case 0:
-      dev.ops_enroll(&dev, ACTION_START, kUser, -1, name);
-      break;
-    case 1:
-      dev.ops_verify(&dev, ACTION_START, kUser, 0);
-      break;
-    case 2:
-      dev.ops_identify(&dev, ACTION_START, -1, 0, -1);
-      break;
-    case 3:
-      bio_sto_free_feature_info_list(dev.ops_search(&dev, ACTION_START, kUser, 0, -1));
-      break;
-    case 4:
-      dev.ops_clean(&dev, ACTION_START, kUser, 0, -1);
-      break;
-    case 5:
-      wrx::info_of(&dev).config.upgrade_mode = DONT_UPGRADE;
-      start(dev);
-      break;
-    case 6:
-      start(dev);
-      break;
-    case 7:
-      ask_everything();
-      break;
-    default:
-      dev.ops_close(&dev);
-      ask_bootloader(device);
-  }
+  const std::function<void()> operations[] = {
+      [&] { dev.ops_enroll(&dev, ACTION_START, kUser, -1, name); },
+      [&] { dev.ops_verify(&dev, ACTION_START, kUser, 0); },
+      [&] { dev.ops_identify(&dev, ACTION_START, -1, 0, -1); },
+      [&] { bio_sto_free_feature_info_list(dev.ops_search(&dev, ACTION_START, kUser, 0, -1)); },
+      [&] { dev.ops_clean(&dev, ACTION_START, kUser, 0, -1); },
+      [&] {
+        wrx::info_of(&dev).config.upgrade_mode = DONT_UPGRADE;
+        start(dev);
+      },
+      [&] { start(dev); },
+      ask_everything,
+      [&] { ask_bootloader(dev, device); },
+  };
+  operations[operation % std::size(operations)]();
 }
 
 // The driver is idle, and a module that is well again can be opened and talked to.
@@ -211,16 +201,11 @@ void expect_recovery(bio_dev& dev, wrx_module::Device& device) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  wrx_fuzz::enter_scratch_folder(*argc, *argv);
-  bio_host_set_db_path(kDatabase);
-  bio_host_set_hook([](void*, bio_dev*, bio_event, int, const char*) {}, nullptr);
-  make_database();
-  carry_image();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (good_database.empty()) {
+    make_database();
+    carry_image();
+  }
   Input input(data, size);
   const uint8_t operation = input.byte(), kind = input.byte(), stop = input.byte();
   const uint8_t counts = input.byte();

@@ -72,11 +72,6 @@ bool parse_in_pieces(std::string_view stream, std::size_t piece) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  wrx_fuzz::enter_scratch_folder(*argc, *argv);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   wrx_fuzz::Input input(data, size);
   const uint8_t form = input.byte(), command = input.byte(), sub = input.byte();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Gives a fuzzer's seeds to it without libFuzzer, with any compiler, as a test: replay FILE|FOLDER…
+// Gives a fuzzer's seeds to it without libFuzzer, with any compiler, as a test: replay FOLDER
 #include <algorithm>
-#include <string>
+#include <cstdio>
 #include <vector>
 
 #include "fuzz/scratch.h"
@@ -9,29 +9,11 @@
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-namespace {
-
-namespace fs = std::filesystem;
-
-std::vector<fs::path> files_of(int argc, char** argv) {
-  std::vector<fs::path> files;
-  for (int i = 1; i < argc; ++i) {
-    if (!fs::is_directory(argv[i])) {
-      files.emplace_back(argv[i]);
-      continue;
-    }
-    for (const auto& entry : fs::directory_iterator(argv[i]))
-      files.push_back(entry.path());
-  }
-  std::sort(files.begin(), files.end());
-  return files;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
-  LLVMFuzzerInitialize(&argc, &argv);
-  const std::vector<fs::path> files = files_of(argc, argv);
+  namespace fs = std::filesystem;
+  if (LLVMFuzzerInitialize(&argc, &argv) != 0 || argc != 2) return 1;
+  std::vector<fs::path> files(fs::directory_iterator(argv[1]), {});
+  std::sort(files.begin(), files.end());
   for (const fs::path& file : files) {
     // Said first: an input that ends the process is the last one named.
     std::fprintf(stderr, "%s\n", file.c_str());

@@ -22,11 +22,6 @@ void play(wrx_module::Script script) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  wrx_fuzz::enter_scratch_folder(*argc, *argv);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   wrx_module::ParsedScript parsed =
       wrx_module::parse_script({reinterpret_cast<const char*>(data), size});

@@ -8,11 +8,6 @@
 #include "module/usb/usbip_link.h"
 #include "support/virtual_clock.h"
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  wrx_fuzz::enter_scratch_folder(*argc, *argv);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   namespace usbip = wrx_module::usbip;
   wrx_fuzz::Input input(data, size);
