@@ -27,15 +27,6 @@ constexpr int kFaultKinds = static_cast<int>(FaultKind::death);  // but for the 
 constexpr int kPresses = 13;
 constexpr uint8_t kBootCommands[] = {0xD3, 0xD7, 0xA6, 0xD9, 0xCC, 0xE3};
 
-/// What the module is and does, by bits of the second byte.
-enum Kind : uint8_t {
-  times_out = 1,      ///< reads run out instead of being answered empty
-  single = 2,         ///< identification's result is one slot
-  all_at_once = 4,    ///< everything ready goes into one read
-  powered_up = 8,     ///< a finger switched the machine on
-  high_speed = 0x10,  ///< packets of 512 bytes
-};
-
 std::string good_database;
 
 void make_database() {
@@ -59,16 +50,17 @@ void carry_image() {
                        "[BASIC_PARAM]\nUpgradeFlag=9\nUpgradeMode=FORCE_UPGRADE\n");
 }
 
+// What the module is and does, by bits.
 wrx_module::Settings settings(uint8_t kind) {
   wrx_module::Settings settings;
-  if ((kind & times_out) == 0) settings.link.empty_read = wrx_module::EmptyRead::answers_empty;
-  if ((kind & single) != 0) settings.procedure.form = wrx_module::ResultForm::single;
-  if ((kind & all_at_once) != 0) settings.link.batch = wrx_module::Batch::all_ready;
-  if ((kind & high_speed) != 0) settings.usb.packet_size = 512;
-  if ((kind & powered_up) != 0) {
+  if ((kind & 1) == 0) settings.link.empty_read = wrx_module::EmptyRead::answers_empty;
+  if ((kind & 2) != 0) settings.procedure.form = wrx_module::ResultForm::single;
+  if ((kind & 4) != 0) settings.link.batch = wrx_module::Batch::all_ready;
+  if ((kind & 8) != 0) {
     settings.power_up.outcome = wrx_module::PowerUpOutcome::match;
     settings.power_up.slots = {kSlot};
   }
+  if ((kind & 0x10) != 0) settings.usb.packet_size = 512;
   return settings;
 }
 
@@ -91,44 +83,16 @@ void add_faults(Input& input, int count) {
   }
 }
 
-/// What comes about while the driver waits: the module's lies and the user's stop.
-class Meanwhile {
- public:
-  /// The lies are the rest of the input: how many of the driver's waits pass first, the length,
-  /// with a top bit for a sound packet, and the bytes.
-  Meanwhile(Input& input, int64_t stop_us, bio_dev& dev, wrx_module::Device& device)
-      : input_(input), stop_us_(stop_us), dev_(dev), device_(device), waits_(input.byte()) {}
-
-  void pass(wrx_test::VirtualClock& clock) {
-    if (waits_-- <= 0 && !input_.empty()) say_next();
-    // A thread that is not there yet costs the clock nothing.
-    if (stopped_ || clock.now_us() < stop_us_) return;
-    stopped_ = true;
-    clock.at(clock.now_us(), [this] { dev_.ops_stop_by_user(&dev_, 3000); });
-  }
-
- private:
-  void say_next() {
-    const uint8_t length = input_.byte();
-    const std::string_view said = input_.bytes(length & 0x7F);
-    const std::vector<uint8_t> bytes(said.begin(), said.end());
-    waits_ = input_.byte();
-    wrx_module::bus().locked([&] {
-      if ((length & 0x80) != 0) {
-        device_.say(bytes);
-      } else {
-        device_.say_raw(bytes);
-      }
-    });
-  }
-
-  Input& input_;
-  int64_t stop_us_;
-  bio_dev& dev_;
-  wrx_module::Device& device_;
-  int waits_;
-  bool stopped_ = false;
-};
+// A lie: its length, with a top bit for a sound packet, its bytes, and how many of the driver's
+// waits pass before the next one, which is returned.
+int say_next(Input& input, wrx_module::Device& device) {
+  const uint8_t length = input.byte();
+  const std::string_view said = input.bytes(length & 0x7F);
+  const std::vector<uint8_t> bytes(said.begin(), said.end());
+  wrx_module::bus().locked(
+      [&] { (length & 0x80) != 0 ? device.say(bytes) : device.say_raw(bytes); });
+  return input.byte();
+}
 
 void start(bio_dev& dev) {
   dev.ops_close(&dev);  // a start opens the module by itself
@@ -138,12 +102,10 @@ void start(bio_dev& dev) {
 
 // Every command that is one exchange, or brings a bulk of data.
 void ask_everything() {
-  constexpr int32_t (*kCommands[])() = {
-      fp_handshake,      fp_read_sys_param, fp_get_valid_template_num, fp_get_chip_serial_num,
-      fp_get_bright,     fp_get_fprint_img, fp_upload_fprint_img,      fp_read_flash_info_page,
-      fp_empty_template, fp_sleep,
-  };
-  for (const auto command : kCommands)
+  for (const auto command :
+       {fp_handshake, fp_read_sys_param, fp_get_valid_template_num, fp_get_chip_serial_num,
+        fp_get_bright, fp_get_fprint_img, fp_upload_fprint_img, fp_read_flash_info_page,
+        fp_empty_template, fp_sleep})
     command();
 }
 
@@ -224,9 +186,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bio_dev dev{};
   ops_configure(&dev, nullptr);
   dev.ops_open(&dev);
-  // What nothing else ends, the stop ends.
-  Meanwhile meanwhile(input, clock.now_us() + (stop + 1) * int64_t{100'000}, dev, device);
-  clock.on_sleep = [&](int64_t) { meanwhile.pass(clock); };
+  // Behind the faults are the lies. What nothing else ends, the stop ends.
+  const int64_t stop_us = clock.now_us() + (stop + 1) * int64_t{100'000};
+  int waits = input.byte();
+  bool stopped = false;
+  clock.on_sleep = [&](int64_t) {
+    if (waits-- <= 0 && !input.empty()) waits = say_next(input, device);
+    // A thread that is not there yet costs the clock nothing.
+    if (stopped || clock.now_us() < stop_us) return;
+    stopped = true;
+    clock.at(clock.now_us(), [&] { dev.ops_stop_by_user(&dev, 3000); });
+  };
   operate(dev, device, operation);
   clock.join();
   clock.on_sleep = nullptr;

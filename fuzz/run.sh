@@ -33,16 +33,19 @@ fuzz_one() {
   return 1
 }
 
-if [ "${FUZZ_ONE:-}" = yes ]; then
-  # Said in one piece, as another one may be speaking.
-  ended=0
-  fuzz_one "$1" >"$found/$1.said" || ended=1
-  cat "$found/$1.said"
-  exit $ended
-fi
+# Says it in one piece, as another one may be speaking.
+in_one_piece() {
+  local said ended=0
+  said=$(fuzz_one "$1") || ended=1
+  echo "$said"
+  return $ended
+}
+
 mkdir -p "$found"
 # In memory, where there is such a place: every input writes files.
 scratch=$(mktemp -d -p "$([ -w /dev/shm ] && echo /dev/shm || echo /tmp)")
 trap 'rm -rf "$scratch"' EXIT
 [ $# -gt 0 ] || set -- $(cd "$here/seeds" && ls)
-printf '%s\n' "$@" | FUZZ_ONE=yes TMPDIR=$scratch xargs -P "$(nproc)" -n 1 "$0" "$build" "$seconds"
+export -f fuzz_one in_one_piece
+export here build seconds found TMPDIR=$scratch
+printf '%s\n' "$@" | xargs -P "$(nproc)" -n 1 bash -c 'in_one_piece "$0"'
