@@ -1,28 +1,18 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""The bench of the service's tests: a private system bus, wrxd on the simulated module, clients."""
+"""The bench of the service's tests: the stage of the demonstration, clients, and looks behind it."""
 
 import contextlib
 import json
 import os
-import re
-import shutil
-import signal
-import socket
 import sqlite3
 import subprocess
 import sys
-import tempfile
-import time
 
 import dbus
 import dbus.bus
-from dbus.mainloop.glib import DBusGMainLoop
-from gi.repository import GLib
+import pytest
+from stage import BUILD, NAME, Stage, until
 
-BUILD = os.environ["WRX_BUILD"]
-SOURCE = os.environ["WRX_SOURCE"]
-NAME = "net.reactivated.Fprint"
-MANAGER = "/net/reactivated/Fprint/Manager"
 DEVICE = "/net/reactivated/Fprint/Device/0"
 ERROR = NAME + ".Error."
 
@@ -32,27 +22,24 @@ QUICK = "; ".join(
     + ["set press-gap 1ms", "set empty-read at-once"]
 )
 
-BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig><listen>unix:path={0}/bus</listen><auth>EXTERNAL</auth><servicedir>{0}</servicedir>
-<policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/>
-<allow receive_sender="*"/></policy></busconfig>"""
 
-DBusGMainLoop(set_as_default=True)
+def sanitized():
+    """Sanitizers have sleeps of their own, and want to be loaded first."""
+    with open(BUILD + "/CMakeCache.txt", encoding="utf-8") as cache:
+        return any(l.startswith("WRX_SANITIZE:") and l.strip()[-1] != "=" for l in cache)
 
 
-def until(true, seconds=5.0, what="condition"):
-    """Waits for `true()` while signals are delivered; its value."""
-    end = time.monotonic() + seconds
-    context = GLib.MainContext.default()
-    while True:
-        while context.iteration(False):
-            pass
-        if value := true():
-            return value
-        if time.monotonic() > end:
-            raise AssertionError(f"{what} did not come within {seconds} s")
-        time.sleep(0.002)
+def with_options(**options):
+    """Marks a case whose bench is made with these."""
+    return pytest.mark.parametrize("bench", [options], indirect=True, ids=[""])
+
+
+def plain(value):
+    if isinstance(value, dbus.Boolean):
+        return bool(value)
+    if isinstance(value, (list, tuple)):
+        return [plain(each) for each in value]
+    return str(value) if isinstance(value, str) else value
 
 
 class Client:
@@ -68,11 +55,8 @@ class Client:
         )
 
     def call(self, method, *words, path=DEVICE, interface=NAME + ".Device"):
-        return plain(
-            self.bus.call_blocking(
-                NAME, path, interface, method, "s" * len(words), words, timeout=20
-            )
-        )
+        call = (NAME, path, interface, method, "s" * len(words), words)
+        return plain(self.bus.call_blocking(*call, timeout=20))
 
     def refused(self, method, *words):
         """The name of the error that answers the call."""
@@ -83,237 +67,123 @@ class Client:
         return None
 
     def answer(self, seconds=5.0):
-        """The word of the next final status; what was heard before it is forgotten."""
-
-        def found():
-            return next((n for n, heard in enumerate(self.heard) if heard[-1] is True), None)
-
-        until(lambda: found() is not None, seconds, "an answer")
-        position = found()
-        word = self.heard[position][1]
-        del self.heard[: position + 1]
-        return word
+        """The word of the next final status; `selected` then has the fingers that were named before
+        it, and it is forgotten."""
+        final = until(lambda: next((h for h in self.heard if h[-1] is True), None), seconds, "an answer")
+        before = self.heard.index(final)
+        self.selected = [h[1] for h in self.heard[:before] if h[0] == "VerifyFingerSelected"]
+        del self.heard[: before + 1]
+        return final[1]
 
     def property(self, name):
         return self.call("Get", NAME + ".Device", name, interface=dbus.PROPERTIES_IFACE)
 
-    def leave(self):
-        self.bus.close()
 
+class Bench(Stage):
+    """A stage that must end well, with slots and records that agree but for the slots in `orphans`."""
 
-def plain(value):
-    if isinstance(value, dbus.Boolean):
-        return bool(value)
-    if isinstance(value, (list, tuple)):
-        return [plain(each) for each in value]
-    return str(value) if isinstance(value, str) else value
-
-
-class Bench:
-    """One bus with one service; ends with its `with`."""
-
-    def __init__(self, script=QUICK, options=(), activated=False, mocks=(), more=(), leaves=0):
-        """`more`: of the service's environment. `leaves`: differences between slots and records
-        that the case is known to leave behind."""
-        self.folder = tempfile.mkdtemp(prefix="wrxd-test-")
-        os.chmod(self.folder, 0o755)
-        self.address = f"unix:path={self.folder}/bus"
-        self.env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.address, LC_ALL="C")
-        self.sleep_file = self.folder + "/sleeps"
-        self.service_env = dict(self.env, WRX_SLEEPS=self.sleep_file, **dict(more))
-        self.state = self.folder + "/state"
-        self.command = [BUILD + "/bin/wrxd", "--plugin", BUILD + "/lib/wrx5300-scratch.so"]
-        self.command += ["--state", self.state, "--simulate", script]
-        self.command += ["--simulate-control", self.folder + "/control"]
-        self.command += options or ("--idle-exit", "0")
-        self.leaves = leaves
-        self.started = []
+    def __init__(self, script=QUICK, options=("--idle-exit", "0"), mocks=(), preload="", more=()):
+        if not sanitized():
+            preload += f" {BUILD}/lib/libwrx-quick-time.so"
+        super().__init__(script, options, dict(more, LD_PRELOAD=preload))
+        self.service_env["WRX_SLEEPS"] = self.folder + "/sleeps"
+        self.mocks = mocks
         self.clients = []
-        self.service = None
-        try:
-            self._bus()
-            for mock in mocks:
-                self._mock(mock)
-            if not activated:
-                self.start()
-        except BaseException:
-            self._end()
-            raise
+        self.orphans = set()
 
-    def __enter__(self):
-        return self
+    def start(self):
+        for mock in self.mocks:
+            self.run(
+                [sys.executable, "-m", "dbusmock", "--system", "--template", mock],
+                stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL,
+            )
+            name = {"polkitd": "org.freedesktop.PolicyKit1", "logind": "org.freedesktop.login1"}[mock]
+            until(lambda: self.watcher.name_has_owner(name), 10, mock)
+        super().start()
 
-    def __exit__(self, *_):
+    def __exit__(self, kind, *_):
         for client in self.clients:
             with contextlib.suppress(Exception):
-                client.leave()
+                client.bus.close()
         try:
-            if self.service is not None:
+            if self.service is not None and kind is None:
+                if "--simulate" in self.command:
+                    self.agree()
                 self.stop()
         finally:
             self._end()
-
-    def _end(self):
-        for process in filter(None, (self.service, *reversed(self.started))):
-            process.kill()
-            process.wait()
-        shutil.rmtree(self.folder, ignore_errors=True)
-
-    # ---- processes
-
-    def _run(self, command, **more):
-        process = subprocess.Popen(command, env=self.env, **more)
-        self.started.append(process)
-        return process
-
-    def _bus(self):
-        with open(self.folder + "/bus.conf", "w", encoding="utf-8") as file:
-            file.write(BUS_CONFIG.format(self.folder))
-        with open(self.folder + "/wrxd.service", "w", encoding="utf-8") as file:
-            words = " ".join(f'"{word}"' for word in self.command)
-            file.write(f"[D-BUS Service]\nName={NAME}\nExec={words}\n")
-        self.daemon = self._run(
-            ["dbus-daemon", f"--config-file={self.folder}/bus.conf", "--nofork", "--nopidfile"]
-            + ["--print-address"],
-            stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL,
-        )
-        assert self.daemon.stdout.readline(), "the bus did not come up"
-        self.watcher = dbus.bus.BusConnection(self.address)
-
-    def _mock(self, template):
-        self._run(
-            [sys.executable, "-m", "dbusmock", "--system", "--template", template],
-            stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL,
-        )
-        name = {"polkitd": "org.freedesktop.PolicyKit1", "logind": "org.freedesktop.login1"}
-        until(lambda: self.watcher.name_has_owner(name[template]), 10, template)
-
-    def start(self):
-        self.out = open(self.folder + "/out", "ab")
-        self.err = open(self.folder + "/err", "ab")
-        self.service = subprocess.Popen(
-            self.command, env=self.service_env, stdout=self.out, stderr=self.err
-        )
-        until(lambda: self.watcher.name_has_owner(NAME), 20, "the service")
-        self.client().call("GetDevices", path=MANAGER, interface=NAME + ".Manager")
 
     def stop(self):
         """Ends the service and looks that it ended well and said nothing."""
         service, self.service = self.service, None
         service.terminate()
         code = service.wait(20)
-        noise = open(self.folder + "/out", "rb").read()
-        errors = open(self.folder + "/err", "rb").read().decode()
-        assert code == 0, f"the service ended with {code}: {errors}"
-        assert noise == b"", f"the service wrote on its standard output: {noise[:200]}"
-        assert "Sanitizer" not in errors, errors
-        if os.path.exists(self.state + "/simulated.db"):
-            self._check()
+        with open(self.folder + "/out", "rb") as out, open(self.folder + "/err", "rb") as err:
+            said, errors = out.read(), err.read()
+        assert (code, said) == (0, b"") and b"Sanitizer" not in errors, errors.decode()
 
-    def _check(self):
-        """Lets wrxctl compare slots and records, and repair what is known to differ."""
-        state = self.state + "/"
-        command = [BUILD + "/bin/wrxctl", "fsck", "--simulate", QUICK, "--json"]
-        command += ["--db", state + "simulated.db", "--templates", state + "simulated-module"]
-        command += ["--plugin", BUILD + "/lib/wrx5300-scratch.so", "--trace", state + "fsck.log"]
-        code, text = self.tool(*command)
-        assert code == (1 if self.leaves else 0), text
-        if self.leaves:
-            assert self.tool(*command, "--repair")[0] == 0
-            code, text = self.tool(*command)
-            assert code == 0, text
-
-    def client(self):
+    def client(self, claimed=None):
+        """A client; one that has claimed the reader for a user ("": its own)."""
         self.clients.append(Client(self.address))
+        if claimed is not None:
+            self.clients[-1].call("Claim", claimed)
         return self.clients[-1]
 
-    def tool(self, *command, seconds=30, user=None):
+    def tool(self, *command, user=None):
         """Runs a program; its exit code and output. `user`: a numeric id."""
         if user is not None:
             command = ("setpriv", f"--reuid={user}", "--clear-groups", *command)
         done = subprocess.run(
-            command,
-            env=self.env,
-            timeout=seconds,
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT,
-            check=False,
+            command, env=self.env, timeout=30, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, check=False,
         )
         return done.returncode, done.stdout.decode()
 
+    def sleeps(self):
+        """Every sleep of the service so far: (whose, microseconds)."""
+        with open(self.folder + "/sleeps", encoding="utf-8") as file:
+            return [(line.split()[0], int(line.split()[1])) for line in file]
+
     # ---- the module and what is stored
 
-    def ask(self, request):
-        with socket.socket(socket.AF_UNIX) as peer:
-            peer.connect(self.folder + "/control")
-            peer.sendall(request.encode())
-            peer.shutdown(socket.SHUT_WR)
-            return b"".join(iter(lambda: peer.recv(4096), b"")).decode()
+    def slots(self):
+        return {each["slot"] for each in json.loads(self.ask("report\n"))["slots"]}
 
-    def play(self, script):
-        answer = self.ask("play\n" + script)
-        assert answer == "ok\n", answer
-
-    def report(self):
-        return json.loads(self.ask("report\n"))
+    def _database(self, *statements):
+        with contextlib.closing(sqlite3.connect(self.state + "/simulated.db", 5)) as db, db:
+            return [list(db.execute(statement)) for statement in statements]
 
     def records(self):
         """Stored fingers: {(uid, index): slot}."""
-        with contextlib.closing(sqlite3.connect(self.state + "/simulated.db", 5)) as db:
-            return {(uid, index): no for uid, index, no in db.execute(RECORDS)}
+        if not os.path.exists(self.state + "/simulated.db"):
+            return {}
+        join = "select uid, idx, no from features join samples on feature = features.id"
+        return {(uid, index): no for uid, index, no in self._database(join)[0]}
 
     def forget(self, uid, index):
         """Deletes a record behind the service's back."""
-        with contextlib.closing(sqlite3.connect(self.state + "/simulated.db", 5)) as db:
-            db.execute("pragma foreign_keys = on")
-            db.execute("delete from features where uid = ? and idx = ?", (uid, index))
-            db.commit()
+        where = f"where uid = {uid} and idx = {index}"
+        self._database("pragma foreign_keys = on", "delete from features " + where)
 
-    def agree(self, orphans=()):
-        """Slots and records agree, but for slots that the case is known to leave."""
-        slots = {each["slot"] for each in self.report()["slots"]}
-        stored = set(self.records().values())
-        assert slots == stored | set(orphans), f"slots {slots}, records {stored}"
+    def agree(self):
+        assert self.slots() == set(self.records().values()) | self.orphans
 
-    def enrol(self, finger, name, client=None, user=""):
+    # ---- what users do
+
+    def enrol(self, finger, name, user=""):
         """Enrols `finger` (the simulated one) under `name`."""
-        own = client or self.client()
-        own.call("Claim", user)
+        client = self.client(claimed=user)
         self.play(f"press {finger} x13")
-        own.call("EnrollStart", name)
-        assert (word := own.answer(10)) == "enroll-completed", word
-        own.call("EnrollStop")
-        own.call("Release")
+        client.call("EnrollStart", name)
+        assert client.answer(10) == "enroll-completed"
+        client.call("EnrollStop")
+        client.call("Release")
 
-    def begin(self, client, *call):
-        """Makes a call that starts a wait, and sees the wait begin on the wire: a finger that comes
-        now is this wait's."""
-        begun = self.waits()
-        client.call(*call)
-        until(lambda: self.waits() > begun, what="the wait")
-
-    def waits(self):
-        """How many waits for a finger have begun."""
-        return len(re.findall("bio_drv_demo_ops_(?:verify|search|enroll) start", self.trace()))
-
-    def usage(self):
-        """Threads and descriptors of the service."""
-        process = f"/proc/{self.service.pid}"
-        return len(os.listdir(process + "/task")), len(os.listdir(process + "/fd"))
-
-    def sleeps(self):
-        """Every sleep of the service so far: (whose, microseconds)."""
-        with open(self.sleep_file, encoding="utf-8") as file:
-            return [(line.split()[0], int(line.split()[1])) for line in file]
-
-    def trace(self):
-        with open(self.state + "/trace.log", encoding="utf-8", errors="replace") as file:
-            return file.read()
-
-
-RECORDS = (
-    "select uid, idx, no from features join samples on feature = features.id order by uid, idx"
-)
+    def verify(self, client, asked, pressed):
+        """What a verify says of the finger that is pressed."""
+        self.play("press " + pressed)
+        client.call("VerifyStart", asked)
+        verdict = client.answer()
+        client.call("VerifyStop")
+        return verdict

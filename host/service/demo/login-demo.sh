@@ -6,5 +6,5 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 WRX_BUILD=$(cd "${1:?usage: login-demo.sh BUILD-FOLDER}" && pwd)
-export WRX_BUILD WRX_SOURCE=${here%/tests/service} PYTHONDONTWRITEBYTECODE=1
+export WRX_BUILD PYTHONDONTWRITEBYTECODE=1
 exec /usr/bin/python3 -u "$here/login_demo.py"

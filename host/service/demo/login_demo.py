@@ -5,8 +5,7 @@ import re
 import subprocess
 import sys
 
-from bench import Bench
-from cases_pam import begun, stack
+from stage import LogIn, Stage, pam_service
 
 LIFELIKE = "set press-gap 200ms"
 SENT = re.compile(r"send (PROT_CMD_\w+) command")
@@ -19,15 +18,15 @@ def title(text):
     print(f"\n== {text}")
 
 
-def show(bench, *command):
+def show(stage, *command):
     print("$", " ".join(command))
-    subprocess.run(command, env=bench.env, check=True, timeout=60)
+    subprocess.run(command, env=stage.env, check=True, timeout=60)
 
 
-def log_in(bench, service, finger, touches, expected):
-    log = begun(bench, service)
+def log_in(stage, service, finger, touches, expected):
+    log = stage.begin(LogIn, stage, service)
     print(f"$ pamtester {service} root authenticate\n   ({finger} touches the sensor)")
-    bench.play(f"press {finger} x{touches}")
+    stage.play(f"press {finger} x{touches}")
     let_in, text = log.end(20)
     print("   " + text.strip().replace("\n", "\n   "))
     if let_in is not expected:
@@ -52,17 +51,17 @@ def picture(trace):
 
 
 def main():
-    with Bench(LIFELIKE) as bench, stack() as service:
+    with Stage(LIFELIKE) as stage, pam_service() as service:
         title("Root enrols a thumb: one touch to see that it is new, and twelve more")
-        bench.play("press thumb x13")
-        show(bench, "fprintd-enroll", "-f", "right-thumb", "root")
-        show(bench, "fprintd-list", "root")
+        stage.play("press thumb x13")
+        show(stage, "fprintd-enroll", "-f", "right-thumb", "root")
+        show(stage, "fprintd-list", "root")
         title("A stranger tries three times")
-        log_in(bench, service, "stranger", 3, False)
+        log_in(stage, service, "stranger", 3, False)
         title("Root logs in with the thumb")
-        log_in(bench, service, "thumb", 1, True)
+        log_in(stage, service, "thumb", 1, True)
         title("That log-in on the wire")
-        picture(bench.trace())
+        picture(stage.trace())
 
 
 main()
