@@ -3,34 +3,28 @@
 behind the scratch plug-in, which only one test at a time can."""
 
 import shutil
-import unittest
 
-import support
+from conftest import BUILD
 
-
-class Decision(unittest.TestCase):
-    def test_ShownIsTheOneTheNextStartTakes(self):
-        client = support.Client(self)
-        etc = support.BUILD / "scratch/etc"
-        self.addCleanup(shutil.rmtree, etc)
-        extra, config = etc / "wrx6600/extra", etc / "biometric-auth/extra.conf.d"
-        for folder in (extra, config):
-            folder.mkdir(parents=True, exist_ok=True)
-        (extra / "trv_fw.conf").write_text("ACM32FP_V123\n")
-        plugin = f" --plugin {support.BUILD}/lib/wrx5300-scratch.so"
-        rows = [("SMART_UPGRADE", 1, 481, True), ("SMART_UPGRADE", 1, 481, False),  # it is new now
-                ("AUTO_UPGRADE", 1, 481, False), ("DONT_UPGRADE", 1, 481, False),
-                ("FORCE_UPGRADE", 0, 481, False), ("FORCE_UPGRADE", 1, 0, False),
-                ("FORCE_UPGRADE", 1, 2097153, False), ("force_upgrade", 1, 481, False)]
-        for mode, budget, size, upgrade in rows:
-            (config / "vestrel-m6600.conf").write_text(
-                f"[BASIC_PARAM]\nUpgradeMode={mode}\nUpgradeFlag={budget}\n")
-            image = b"acm32_btl_zelta_pc_000123".ljust(size, b"x")[:size]
-            (extra / "ACM32FP_V123.bin").write_bytes(image)
-            for command, word in (("firmware", "upgrade"), ("init", "upgraded")):
-                told = client.ask(command + plugin)[1][-1]
-                self.assertEqual(told[word], upgrade, (mode, command, told))
+# Mode, budget, bytes of the image, whether it is written.
+ROWS = [("SMART_UPGRADE", 1, 481, True), ("SMART_UPGRADE", 1, 481, False),  # it is new now
+        ("AUTO_UPGRADE", 1, 481, False), ("DONT_UPGRADE", 1, 481, False),
+        ("FORCE_UPGRADE", 0, 481, False), ("FORCE_UPGRADE", 1, 0, False),
+        ("FORCE_UPGRADE", 1, 2097153, False), ("force_upgrade", 1, 481, False)]
 
 
-if __name__ == "__main__":
-    support.main()
+def test_what_is_shown_is_what_the_next_start_does(client, request):
+    etc = BUILD / "scratch/etc"
+    request.addfinalizer(lambda: shutil.rmtree(etc))
+    extra, config = etc / "wrx6600/extra", etc / "biometric-auth/extra.conf.d"
+    for folder in (extra, config):
+        folder.mkdir(parents=True, exist_ok=True)
+    (extra / "trv_fw.conf").write_text("ACM32FP_V123\n")
+    for mode, budget, size, upgrade in ROWS:
+        (config / "vestrel-m6600.conf").write_text(
+            f"[BASIC_PARAM]\nUpgradeMode={mode}\nUpgradeFlag={budget}\n")
+        image = b"acm32_btl_zelta_pc_000123".ljust(size, b"x")[:size]
+        (extra / "ACM32FP_V123.bin").write_bytes(image)
+        for command, word in (("firmware", "upgrade"), ("init", "upgraded")):
+            told = client.ask(f"{command} --plugin {BUILD}/lib/wrx5300-scratch.so")[1][-1]
+            assert told[word] == upgrade, (mode, command)
