@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 //
-// The script's language, and the memory file.
+// The script's language, the memory file, and the entry points for programs that load the module.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "module/device/storage.h"
 #include "module/play/script.h"
+#include "module/usb/simulate.h"
+#include "module/usb/usb_front_end.h"
 
 using namespace wrx_module;
 
@@ -75,6 +79,7 @@ TEST(ModuleScript, EverySettingAndFaultCanBeSaid) {
   }
 }
 
+/// A module's memory file in a folder of the case's own.
 class ModuleStorage : public testing::Test {
  protected:
   ModuleStorage() {
@@ -82,7 +87,10 @@ class ModuleStorage : public testing::Test {
     folder = mkdtemp(name.data());
     path = folder / "memory";
   }
-  ~ModuleStorage() override { std::filesystem::remove_all(folder); }
+  ~ModuleStorage() override {
+    wrx_simulate_finish(nullptr, 0);
+    std::filesystem::remove_all(folder);
+  }
   std::filesystem::path folder;
   std::string path, error;
 };
@@ -117,6 +125,62 @@ TEST_F(ModuleStorage, ADamagedFileIsRefused) {
   EXPECT_EQ(load_memory(path, memory, error), LoadResult::failed);
   EXPECT_EQ(error, path + ": the file is damaged: its checksum does not fit");
   EXPECT_EQ(memory.version, 1U);
+}
+
+/// The entry points for programs that load the simulated module, on the machine's clock.
+class ModuleSimulate : public ModuleStorage {
+ protected:
+  int start(const char* script) {
+    return wrx_simulate_start(script, path.c_str(), text, sizeof text);
+  }
+  static std::string report() {
+    std::string json(1000, '\0');
+    const int length = wrx_simulate_report(json.data(), json.size());
+    json.resize(length < 0 ? 0 : static_cast<size_t>(length));
+    return json;
+  }
+  char text[200] = "";  // of the last error
+};
+
+TEST_F(ModuleSimulate, OnlyOneModuleRunsAndItsHandlesDieWithIt) {
+  ASSERT_EQ(start("press thumb x3"), 0) << text;
+  EXPECT_EQ(start(nullptr), -1);
+  EXPECT_STREQ(text, "a module is running already");
+  EXPECT_FALSE(MemoryLock().take(path, error));
+  EXPECT_EQ(error, path + ": another program has this module");
+  EXPECT_NE(report().find("\"presses_left\":3"), std::string::npos) << report();
+  char little[9] = "";
+  EXPECT_GT(wrx_simulate_report(little, sizeof little), 100);
+  EXPECT_EQ(std::string(little), report().substr(0, 8));
+  libusb_device_handle* handle = libusb_open_device_with_vid_pid(nullptr, 0x4d2e, 0x5300);
+  ASSERT_EQ(wrx_simulate_finish(text, sizeof text), 0) << text;
+  unsigned char byte = 0;
+  EXPECT_EQ(libusb_bulk_transfer(handle, 1, &byte, 1, nullptr, 0), LIBUSB_ERROR_NO_DEVICE);
+  libusb_close(handle);
+  EXPECT_EQ(report(), "");
+}
+
+TEST_F(ModuleSimulate, AMistakeStartsNothingAndADamagedFileStays) {
+  EXPECT_EQ(start("press; dance"), -1);
+  EXPECT_STREQ(text, "line 1, column 8: unknown verb 'dance'");
+  std::ofstream(path) << "precious";
+  EXPECT_EQ(start(nullptr), -1);
+  EXPECT_EQ(text, path + ": not a module's memory");
+  EXPECT_EQ(wrx_simulate_finish(text, sizeof text), -1);
+  EXPECT_EQ(std::filesystem::file_size(path), 8U);
+}
+
+TEST_F(ModuleSimulate, AScriptPlayedMeanwhileEndsAWait) {
+  ASSERT_EQ(start(nullptr), 0) << text;
+  libusb_device_handle* handle = libusb_open_device_with_vid_pid(nullptr, 0x4d2e, 0x5300);
+  std::thread other([] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    wrx_simulate_play("unplug", nullptr, 0);
+  });
+  unsigned char data[64];
+  EXPECT_EQ(libusb_bulk_transfer(handle, 0x81, data, 64, nullptr, 0), LIBUSB_ERROR_NO_DEVICE);
+  other.join();
+  libusb_close(handle);
 }
 
 }  // namespace
