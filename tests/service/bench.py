@@ -86,6 +86,7 @@ class Bench(Stage):
         if not sanitized():
             preload += f" {BUILD}/lib/libwrx-quick-time.so"
         super().__init__(script, options, dict(more, LD_PRELOAD=preload))
+        self.env.pop("LD_PRELOAD", None)  # the mock of udev is the runner's alone
         self.service_env["WRX_SLEEPS"] = self.folder + "/sleeps"
         self.mocks = mocks
         self.clients = []
@@ -132,13 +133,12 @@ class Bench(Stage):
 
     def tool(self, *command, user=None):
         """Runs a program; its exit code and output. `user`: a numeric id."""
-        if user is not None:
-            command = ("setpriv", f"--reuid={user}", "--clear-groups", *command)
+        groups = None if user is None else []
         done = subprocess.run(
-            command, env=self.env, timeout=30, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT, check=False,
+            command, env=self.env, user=user, extra_groups=groups, timeout=30, text=True,
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False,
         )
-        return done.returncode, done.stdout.decode()
+        return done.returncode, done.stdout
 
     def sleeps(self):
         """Every sleep of the service so far: (whose, microseconds)."""

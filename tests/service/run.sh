@@ -8,7 +8,7 @@ WRX_BUILD=$(cd "${1:?usage: run.sh BUILD-FOLDER [OPTION...]}" && pwd)
 shift
 [ "$(id -u)" -eq 0 ] || { echo "skipped: not root"; exit 77; }
 export WRX_BUILD PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=$here/../../host/service/demo
-for tool in dbus-daemon fprintd-list pamtester setpriv umockdev-wrapper; do
+for tool in dbus-daemon fprintd-list pamtester umockdev-wrapper; do
   command -v "$tool" >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }
 done
 python=/usr/bin/python3  # the one that Debian's modules belong to
