@@ -7,7 +7,7 @@
 #   big-endian.sh --packages-only  installs and downloads what that needs, and no more
 set -euo pipefail
 source=$(cd "$(dirname "$0")/.." && pwd)
-. "$source/tests/system/packages.sh"
+. "$source/cmake/packages.sh"
 out=$source/build/s390x
 
 HOST_PACKAGES="g++-s390x-linux-gnu qemu-user-static ninja-build cmake pkg-config

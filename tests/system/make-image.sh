@@ -5,19 +5,10 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=$1 out=$2
-. "$here/packages.sh"
+. "$here/../../cmake/packages.sh"
 
 packages=$out/packages root=$out/root
 triplet=aarch64-linux-gnu
-
-unpack_packages() {
-  local deb
-  [ -e "$packages/unpacked" ] && [ "$out/debs" -ot "$packages/unpacked" ] && return
-  rm -rf "$packages"
-  mkdir -p "$packages"
-  for deb in "$out"/debs/*.deb; do dpkg-deb -x "$deb" "$packages"; done
-  touch "$packages/unpacked"
-}
 
 copy_programs() {
   mkdir -p "$root"/{bin,dev,proc,sys,run,tmp,root,usr/lib,etc,var}
@@ -26,11 +17,9 @@ copy_programs() {
   DESTDIR=$root cmake --install "$build" --strip >"$out/install.log"
   # The rule allows autosuspend by itself; what the scenarios read must be the driver's doing.
   rm -f "$root"/usr/lib/udev/rules.d/*wrx5300*.rules
-  cp "$packages/bin/busybox" "$root/bin/"
-  cp "$packages/bin/udevadm" "$root/bin/"
-  cp "$packages/usr/sbin/usbip" "$root/bin/"
+  cp "$packages"/bin/{busybox,udevadm} "$packages/usr/sbin/usbip" "$root/bin/"
   ln -s ../bin/udevadm "$root/bin/systemd-udevd"
-  cp "$build"/bin/wrx-session* "$build"/bin/wrx-{usbmon,endure} "$root/usr/bin/"
+  cp "$build"/bin/wrx-session* "$root/usr/bin/"
   cp "$here"/guest/* "$root/"
   chmod +x "$root/init"
   printf 'root:x:0:0:root:/root:/bin/sh\nann:x:1000:1000::/:/bin/sh\n' >"$root/etc/passwd"
@@ -67,7 +56,7 @@ copy_libraries() {
 }
 
 download_guest "$out/debs"
-unpack_packages
+unpack_packages "$out/debs" "$packages"
 rm -rf "$root"
 copy_programs
 copy_modules

@@ -18,9 +18,9 @@ cycles=100                     # of plugging in and out
 if [ "${1:-}" = --endurance ]; then
   cycles=${2:-1000} guests=1
   limit=$((120 + 3 * cycles))
-  set -- "plugged in and out again and again"
+  set -- endurance
 fi
-. "$here/packages.sh"
+. "$source/cmake/packages.sh"
 
 # shellcheck disable=SC2086
 install_packages $SYSTEM_PACKAGES $BUILD_PACKAGES
@@ -28,7 +28,7 @@ if [ "${1:-}" = --packages-only ]; then
   download_guest "$out/debs"
   exit
 fi
-[ -n "${WRX_ARM64_BUILD:-}" ] || "$here/build-arm64.sh"
+[ -n "${WRX_ARM64_BUILD:-}" ] || "$source/cmake/build-arm64.sh"
 "$here/make-image.sh" "$build" "$out"
 
 accelerator="-cpu cortex-a57"

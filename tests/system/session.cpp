@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -31,74 +32,44 @@ struct Call {
   std::string name;
 };
 
-struct Verb {
-  const char* name;
-  int (*run)(host::PluginHost&, Call&);
-};
-
-int discover(host::PluginHost& host, Call&) {
-  return host.discover();
-}
-int start(host::PluginHost& host, Call&) {
-  host.initialise();
-  return 0;
-}
-int open(host::PluginHost& host, Call&) {
-  return host.device().ops_open(&host.device());
-}
-int close(host::PluginHost& host, Call&) {
-  host.device().ops_close(&host.device());
-  return 0;
-}
-int enroll(host::PluginHost& host, Call& call) {
-  bio_dev& device = host.device();
-  return device.ops_enroll(&device, ACTION_START, call.uid, call.first, call.name.data());
-}
-int verify(host::PluginHost& host, Call& call) {
-  bio_dev& device = host.device();
-  return device.ops_verify(&device, ACTION_START, call.uid, call.first);
-}
-int identify(host::PluginHost& host, Call& call) {
-  bio_dev& device = host.device();
-  return device.ops_identify(&device, ACTION_START, call.uid, call.first, call.last);
-}
-int clean(host::PluginHost& host, Call& call) {
-  bio_dev& device = host.device();
-  return device.ops_clean(&device, ACTION_START, call.uid, call.first, call.last);
-}
-int sleep(host::PluginHost&, Call& call) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(call.uid));
+int make(const std::string& verb, host::PluginHost& host, Call& call) {
+  bio_dev* device = &host.device();
+  if (verb == "discover") return host.discover();
+  if (verb == "open") return device->ops_open(device);
+  if (verb == "enroll")
+    return device->ops_enroll(device, ACTION_START, call.uid, call.first, call.name.data());
+  if (verb == "verify") return device->ops_verify(device, ACTION_START, call.uid, call.first);
+  if (verb == "identify")
+    return device->ops_identify(device, ACTION_START, call.uid, call.first, call.last);
+  if (verb == "clean")
+    return device->ops_clean(device, ACTION_START, call.uid, call.first, call.last);
+  if (verb == "start") {
+    host.initialise();
+  } else if (verb == "close") {
+    device->ops_close(device);
+  } else if (verb == "sleep") {
+    std::this_thread::sleep_for(std::chrono::milliseconds(call.uid));
+  } else {
+    throw std::invalid_argument("no verb \"" + verb + "\"");
+  }
   return 0;
 }
 
-constexpr Verb kVerbs[] = {
-    {"start", start},       {"discover", discover}, {"open", open},
-    {"close", close},       {"enroll", enroll},     {"verify", verify},
-    {"identify", identify}, {"clean", clean},       {"sleep", sleep},
-};
-
-bool obey(host::PluginHost& host, const std::string& line, std::FILE* answers) {
+void obey(host::PluginHost& host, const std::string& line, std::FILE* answers) {
   std::istringstream words(line);
-  std::string name, text;
+  std::string verb, text;
   Call call;
-  words >> name >> call.uid >> call.first >> text;
-  if (name == "enroll") {
+  words >> verb >> call.uid >> call.first >> text;
+  if (verb == "enroll") {
     call.name = text;
   } else if (!text.empty()) {
     call.last = std::stoi(text);
   }
-  for (const Verb& verb : kVerbs) {
-    if (name != verb.name) continue;
-    const int returned = verb.run(host, call);
-    const bio_dev& device = host.device();
-    fmt::print(answers, "{}: returned {} status {} result {} notify {}\n", name, returned,
-               bio_get_dev_status(&host.device()), bio_get_ops_result(&host.device()),
-               bio_get_notify_mid(&host.device()));
-    std::fflush(answers);
-    return device.enable >= 0;
-  }
-  fmt::print(stderr, "wrx-session: no verb \"{}\"\n", name);
-  return false;
+  const int returned = make(verb, host, call);
+  bio_dev* device = &host.device();
+  fmt::print(answers, "{}: returned {} status {} result {} notify {}\n", verb, returned,
+             bio_get_dev_status(device), bio_get_ops_result(device), bio_get_notify_mid(device));
+  std::fflush(answers);
 }
 
 int run(int argc, char** argv) {
@@ -114,7 +85,7 @@ int run(int argc, char** argv) {
   bio_host_set_db_path(argv[2]);
   host::PluginHost host(host::default_plugin(), host::default_config());
   for (std::string line; std::getline(std::cin, line);)
-    if (!obey(host, line, answers)) return 1;
+    obey(host, line, answers);
   return 0;
 }
 

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The session with the module behind libusb's names, and the wire written down byte for byte: a
-// line a transfer that moved anything, as wrx-usbmon writes it.
+// The session with the module behind libusb's names, and the wire written down: a line a transfer
+// that moved anything, as the guest prints what the kernel's monitor saw. Direction, endpoint,
+// bytes moved, and the first 32 of them, for the monitor shows no more:
+//
+//   out 1 8 5553424300…        in 1 12 ef01ffff…
 #include <fmt/core.h>
 
 #include <memory>
@@ -20,9 +23,9 @@ struct Closer {
 void write_record(std::FILE* file, const wm::TraceRecord& record) {
   const bool out = record.kind == wm::TraceKind::out;
   if ((!out && record.kind != wm::TraceKind::in) || record.moved == 0) return;
-  fmt::print(file, "{} {:02x} ", out ? "out" : "in", record.endpoint);
-  for (const uint8_t byte : record.bytes)
-    fmt::print(file, "{:02x}", byte);
+  fmt::print(file, "{} {} {} ", out ? "out" : "in", record.endpoint & 0xF, record.moved);
+  for (size_t i = 0; i < record.bytes.size() && i < 32; ++i)
+    fmt::print(file, "{:02x}", record.bytes[i]);
   fmt::print(file, "\n");
   std::fflush(file);
 }

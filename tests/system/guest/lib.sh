@@ -50,6 +50,15 @@ plug() {
   until_true 5 "the module on the bus" enumerated
 }
 
+# The module taken off the bus, and put back.
+pull() {
+  tell "unplug"
+  until_true 5 "an empty bus" absent
+}
+put_back() {
+  tell "${1:-plug}"
+  until_true 5 "the module back" enumerated
+}
 tell() { wrx-module tell /run/m "$@" || fail "the module refuses: $*"; }
 state() { wrx-module report /run/${1:-m}; }
 state_has() { state | grep -qF -- "$1"; }
@@ -61,7 +70,7 @@ module_has() {
 }
 # The templates of the module, as "20 21 ".
 slots() { state "$@" | grep -o '"slot":[0-9]*' | sed 's/.*://' | tr '\n' ' '; }
-no_presses_left() { state_has '"presses_left":0'; }
+slots_are() { [ "$(slots)" = "$1" ] || fail "slots of the module: $(slots)"; }
 
 take_away() {
   local pid file
@@ -107,6 +116,10 @@ enrol_thumb() {
   touches thumb x13
   expect 0 enroll --uid 1000 "$@"
 }
+recognised() {
+  touches "${1:-thumb}"
+  expect 0 verify --uid 1000
+}
 # A module and a database as enrol_thumb leaves them, which the first one to ask makes.
 plug_enrolled() {
   mkdir -p "$(dirname $DATABASE)"
@@ -122,6 +135,42 @@ plug_enrolled() {
     cp $DATABASE /saved.db
     plug "$@"
   fi
+}
+
+# --- a service's process, which makes one call after another ---
+
+begin_session() {
+  mkfifo /run/calls /run/answers
+  wrx-session $TRACE $DATABASE </run/calls >/run/answers 2>$OUT &
+  session=$!
+  exec 3>/run/calls 4</run/answers
+  rm /run/calls /run/answers
+}
+# call VERB…: the process makes the call; what it answers is then in $answer.
+call() {
+  echo "$*" >&3
+  read -r answer <&4 || fail "session: $(tail -n 1 $OUT)"
+}
+# answers WORDS VERB…: the call, and whether its answer has the words.
+answers() {
+  local words=$1
+  shift
+  call "$@"
+  case "$answer " in *" $words "*) ;; *) return 1 ;; esac
+}
+end_session() {
+  exec 3>&-
+  wait $session || fail "session: $(tail -n 1 $OUT)"
+  exec 4<&-
+}
+# session WORDS VERB…: as above, for a process of its own that is started and opens the device.
+session() {
+  begin_session
+  call start
+  call open
+  answers "$@" || fail "$answer"
+  call close
+  end_session
 }
 
 # --- files ---
@@ -147,16 +196,17 @@ fresh() {
   set_key $EXTRA PrintfLogFlag 1
 }
 
+# scenario FUNCTION: runs it when it is wanted and this guest's turn; its name is what it shows.
 scenario() {
-  local name=$1 begun took
-  shift
+  local name begun
+  name=$(echo "$1" | tr _ ' ')
   echo "$name" | grep -qF "$WANTED" || return 0
   turn=$((turn % GUESTS + 1))
   [ $turn = "$GUEST" ] || return 0
   begun=$(cut -d. -f1 /proc/uptime)
   (
     fresh
-    "$@"
+    "$1"
   )
   if [ $? = 0 ]; then
     passed=$((passed + 1))

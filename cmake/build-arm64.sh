@@ -4,7 +4,7 @@
 # under qemu-user.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-source=$(cd "$here/../.." && pwd)
+source=$(cd "$here/.." && pwd)
 . "$here/packages.sh"
 
 # shellcheck disable=SC2086
