@@ -21,6 +21,7 @@ THUMB = "press thumb x16"  # a busy machine may lose the first to the driver's s
 LIVES = {
     "AFinger": [
         ("enroll --uid 7 --index 3 --name thumb", "press thumb x3; press thumb smudged; " + THUMB, 0),
+        ("enroll --uid 7", THUMB, REFUSED), ("enroll --uid 7 --index 3", "press other x9", REFUSED),
         ("verify --uid 7", "press thumb x9", DONE),
         ("verify --uid 7", "press other x9", NO_MATCH),
         ("verify --uid 7 --index 4", "press thumb x9", NO_MATCH),
@@ -35,10 +36,6 @@ LIVES = {
         ("fsck", "lift", DONE), ("fsck --templates {home}/exchanged", "lift", NO_MATCH),
         ("fsck --db {home}/lost.db", "lift", NO_MATCH), ("fsck", "refuse 31 1", FAILED),
         ("clean --uid 7 --all", "lift", DONE), ("identify", "press thumb x9", NO_MATCH),
-    ],
-    "AFingerThatIsThereAlready": [
-        ("enroll --uid 7 --index 3", THUMB, DONE), ("enroll --uid 7", THUMB, REFUSED),
-        ("enroll --uid 7 --index 3", "press other x9", REFUSED),
     ],
     "TheModule": [
         ("info", "lift", DONE), ("discover", "lift", DONE), ("init", "lift", DONE),
