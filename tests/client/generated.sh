@@ -10,7 +10,7 @@ trap 'rm -rf "$stage"' EXIT
 
 fail() { echo "$*"; exit 1; }
 
-for kind in rules hwdb; do "$build/bin/wrx-generate-udev" $kind | cmp - udev/60-wrx5300.$kind; done
+for kind in rules hwdb metainfo; do "$build/bin/wrx-generate-udev" $kind | cmp - udev/60-wrx5300.$kind; done
 "$build/bin/wrx-generate-completion" | cmp - completion/wrxctl.bash
 ! command -v xgettext >/dev/null || ../po/update.sh --check
 

@@ -22,6 +22,8 @@ LIVES = {
     "AFinger": [
         ("enroll --uid 7 --index 3 --name thumb", "press thumb x3; press thumb smudged; " + THUMB, 0),
         ("enroll --uid 7", THUMB, REFUSED), ("enroll --uid 7 --index 3", "press other x9", REFUSED),
+        ("enroll --uid 7", "refuse 31 0; press other x9", FAILED),
+        ("enroll --uid 7", "press other x9; unplug after 100 transfers", ABSENT),
         ("verify --uid 7", "press thumb x9", DONE),
         ("verify --uid 7", "press other x9", NO_MATCH),
         ("verify --uid 7 --index 4", "press thumb x9", NO_MATCH),

@@ -3,6 +3,8 @@
 
 import os
 import pathlib
+import shutil
+import signal
 import stat
 import subprocess
 import time
@@ -121,9 +123,22 @@ def test_without_polkit_everybody_has_the_own_fingers_and_root_all(bench):
     assert "bio_idx_name = left-thumb" in bench.trace()
 
 
-def test_the_unit_exposes_no_more_than_2_of_10():
+def test_in_the_unit_of_fprintd_it_exposes_no_more_than_2_of_10(tmp_path):
+    drop_ins = tmp_path / "fprintd.service.d"
+    drop_ins.mkdir()
+    shutil.copy("/lib/systemd/system/fprintd.service", tmp_path)
+    shutil.copy(BUILD + "/packaging/wrxd.conf", drop_ins)
     command = "systemd-analyze security --offline=true --threshold=20 --no-pager"
-    subprocess.run([*command.split(), BUILD + "/packaging/wrxd.service"], check=True)
+    subprocess.run([*command.split(), tmp_path / "fprintd.service"], check=True)
+
+
+def test_told_to_make_way_it_leaves_when_its_client_is_done_and_not_before(bench):
+    client = bench.client(claimed="")
+    bench.service.send_signal(signal.SIGHUP)
+    time.sleep(1.5)
+    client.call("Release")
+    assert bench.service.wait(5) == 0
+    bench.service = None
 
 
 @with_options(options=("--idle-exit", "1"))
