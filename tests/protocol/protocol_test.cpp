@@ -124,10 +124,17 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
       CALL(fp_send_cmd(53, nullptr, 0, {64, 20, 3, 20})),
       CALL(fp_send_cmd(53, nullptr, 5, {64, 0, 0, 20})),  // read not once
       CALL(fp_read_invalid_pkg(1)),
+      CALL(fp_set_mode("", 0)),
       CALL(read_fw_version()),  // no selection
       CALL(fp_set_chip_addr(0x01020304)),
       CALL(fp_read_sys_param()),
   });
+  for (const uint8_t type : Bytes{1, 2, 7, 8, 9}) {
+    prot_packet_usb.prot_type = type;
+    auto* const record = reinterpret_cast<uint8_t*>(&prot_packet_usb);
+    steps({CALL(fp_resp_init(PROT_CMD_READINFOPAGE)),
+           CALL(fp_parse_prot_head(record, sizeof prot_packet_usb))});
+  }
   // Data that does not come, of which one procedure says so and the other does not.
   rig.play("press thumb good; fault at 8 overflow; fault at 22 overflow");
   steps({CALL(fp_read_flash_info_page()), CALL(fp_get_fprint_img())});
@@ -158,13 +165,16 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
   EXPECT_EQ(golden_difference("arguments", without(kTransport, rig.trace.lines())), "");
 }
 
-// What each function says to arguments that make no sense; nothing goes over the wire.
+// What is said to arguments that make no sense, and returned; nothing goes over the wire.
 TEST(Procedures, BadArgumentsAsATrace) {
   Opened rig(Rig::instant());
   uint8_t bytes[302] = {};
+  std::fill_n(bytes, 300, uint8_t{0xFF});
   int32_t moved = 0;
   auto* const packet = reinterpret_cast<uint8_t*>(&prot_packet_usb);
   const auto* const text = reinterpret_cast<const char*>(bytes);
+  const uint8_t displaced[] = {'S', 'U', 'S', 'B'}, third_of_four[] = {0, 0, 'B', 0};
+  MSG_HEAD_STRUCT head;
   for (const auto& [name, call] : Calls{
            CALL(usb_send_data(nullptr, 5, &moved)),
            CALL(usb_send_data(bytes, 0, &moved)),
@@ -176,13 +186,17 @@ TEST(Procedures, BadArgumentsAsATrace) {
            CALL(usb_check_bulk_io_ack(bytes, 3)),
            CALL(usb_check_bulk_io_ack(bytes, 5)),
            CALL(usb_check_bulk_io_ack(nullptr, 4)),
+           CALL(usb_check_bulk_io_ack(displaced, 4)),
+           CALL(usb_check_bulk_io_ack(third_of_four, 4)),  // is enough
            CALL(get_check_sum(nullptr, 3)),
            CALL(fp_fill_msg_head(nullptr, 1, 3)),
            CALL(fp_fill_msg_checksum(nullptr, 3)),
            CALL(fp_fill_msg_checksum(bytes, 0)),
            CALL(fp_recv_param_init(nullptr, 64, 20, 3, 20)),
            CALL(fp_send_cmd(53, packet, 93160, {64, 20, 3, 20})),
-           CALL(fp_set_mode("TEST", 100)),
+           CALL(fp_set_mode(text, 65)),
+           CALL(fp_set_mode(text, -1)),
+           CALL(fp_set_mode(nullptr, 4)),
            CALL(fp_parse_prot(nullptr, 1)),
            CALL(fp_parse_prot(bytes, 0)),
            CALL(fp_parse_prot_data_end(nullptr, 1)),
@@ -207,13 +221,15 @@ TEST(Procedures, BadArgumentsAsATrace) {
            CALL(get_file_size(nullptr)),
            CALL(get_file_size("")),
            CALL(get_file_size("nowhere")),
+           // And what these return to good ones.
+           CALL(fp_fill_msg_head(&head, 8, 0x1234)),
+           CALL(fp_fill_msg_checksum(bytes, 300)),
+           CALL(fp_resp_init(48)),
        }) {
     const int result = call();
     rig.trace.note(name + (" = " + std::to_string(result)));
   }
   EXPECT_EQ(golden_difference("bad-arguments", rig.trace.lines()), "");
-  std::fill(std::begin(bytes), std::end(bytes), uint8_t{0xFF});
-  EXPECT_EQ(fp_fill_msg_checksum(bytes, 300), 0);
   EXPECT_EQ(hex({bytes[300], bytes[301]}), "2ad4") << "300 * 255 modulo 65536";
 }
 

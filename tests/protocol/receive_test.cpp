@@ -89,6 +89,8 @@ TEST_F(Parser, StreamsAsATrace) {
     if (code != kImage) continue;
     EXPECT_EQ(std::equal(bytes.begin() + kHead, bytes.end() - 2, fp_device_param.img_data), taken);
   }
+  step("the front of a packet", kSys, front(whole, kHead + 5));
+  rig.step("its rest", [&] { return parse(Bytes(whole.begin() + kHead + 5, whole.end())); });
   EXPECT_EQ(golden_difference("packets", rig.trace.lines()), "");
 }
 

@@ -350,35 +350,16 @@ TEST(Upgrade, SelectionsAndDecisionsAsATrace) {
   EXPECT_EQ(golden_difference("upgrade-decisions", lines_of(told)), "");
 }
 
-// `attempts`: how many meet a bus without bootloader; 10 of them is when the driver gives up.
-TEST(Upgrade, ALateBootloaderIsWaitedForTenTimes) {
-  for (int attempts = 0; attempts <= 10; ++attempts) {
-    const std::string told = in_fresh_process([&] {
-      wrx_module::Settings settings = Rig::instant();
-      settings.reboot.bootloader_appears_us = 500'000 + attempts * 1'000'000;
-      if (attempts == 10) settings.reboot.bootloader_appears_us = -1;
-      Rig rig(settings);
-      rig.extra_config("UpgradeMode=FORCE_UPGRADE\nUpgradeFlag=2\n");
-      rig.install_firmware("ACM32FP_V101", image_of(500));
-      rig.start();
-      return std::to_string(rig.trace.count("upgrade_and_run] open_dev failed!!!")) +
-             (holds(rig.device.memory(), image_of(500)) ? " upgraded " : " as before ") +
-             std::to_string(budget_in_file(rig));
-    });
-    EXPECT_EQ(told, std::to_string(attempts) + (attempts < 10 ? " upgraded 1" : " as before 2"));
-  }
-}
-
-// Ways to refuse a rewrite, each with its result and its time; the files that are looked at.
+// Ways to refuse a rewrite, each with its result; then the files that are looked at.
 TEST(Upgrade, RefusalsAndFilesAsATrace) {
   Rig rig;
+  const auto select = [&] { rig.install_firmware("ACM32FP_V101; touch oops", image_of(500)); };
   rig.extra_config("UpgradeFlag=2\n");
-  rig.install_firmware("ACM32FP_V101; touch oops", image_of(500));
+  select();
   rig.configure();
   break_firmware(rig);
   rig.trace.clear();
   const auto attempts = [&] { return wrx7700_upgrade_pt(&rig.dev, 1); };
-  const auto attempt = [&] { return wrx7700_upgrade_pt(&rig.dev, 0); };
   const auto at_once = [&] { return wrx7700_upgrade_pt_notdelay(&rig.dev, 0); };
   rig.dev.dev_num = 1;
   rig.step("somebody else has it", attempts);
@@ -392,19 +373,28 @@ TEST(Upgrade, RefusalsAndFilesAsATrace) {
   rig.write_file(new_firmware_name, image_of(kFlash + 1));
   rig.step("too long an image, at once", at_once);
   rig.device.cut_power();
-  rig.step("no module, one attempt", attempt);
-  EXPECT_TRUE(rig.device.boot_commands().empty());
-  EXPECT_EQ(wrx_module::bus().live().handles, 0);
-  EXPECT_EQ(upgrade_new_firmware_version_num(), 101U);
+  rig.step("no module, one attempt", [&] { return wrx7700_upgrade_pt(&rig.dev, 0); });
+  rig.write_file(std::string(kExtraFolder) + "trv_fw.conf", "");
+  rig.step("read_fw_version, empty", read_fw_version);
+  EXPECT_STREQ(upgrade_new_firmware_version(), "") << "what an earlier start selected is forgotten";
+  select();
+  rig.step("read_fw_version", read_fw_version);
   rig.step("rm_firmware_file", rm_firmware_file);
   EXPECT_TRUE(std::filesystem::is_empty(kExtraFolder)) << "and no shell was there to touch";
-  rig.step("read_fw_version, nothing selected", read_fw_version);
-  EXPECT_STREQ(upgrade_new_firmware_version(), "") << "what an earlier start selected is forgotten";
   rig.write_file("huge", "");
   std::filesystem::resize_file("huge", (uint64_t{1} << 32) + 1);
   EXPECT_EQ(get_file_size("huge"), 0xFFFFFFFFU);
   EXPECT_EQ(golden_difference("upgrade-refusals", without({"usb-open 4d2e"}, rig.trace.lines())),
             "");
+  // Ten attempts, a second apart; then a bootloader that the fourth one finds.
+  select();
+  EXPECT_EQ(rig.time_of([&] { EXPECT_EQ(attempts(), -1); }), 10'000);
+  EXPECT_TRUE(rig.device.boot_commands().empty());
+  EXPECT_EQ(budget_in_file(rig), 2);
+  rig.clock.at(rig.clock.now_us() + 2'500'000, [&] { rig.device.power_cycle(); });
+  EXPECT_EQ(rig.time_of([&] { EXPECT_EQ(attempts(), 0); }), 3'000 + 32 + 1'000);
+  EXPECT_TRUE(holds(rig.device.memory(), image_of(500)));
+  EXPECT_EQ(budget_in_file(rig), 1);
 }
 
 }  // namespace
