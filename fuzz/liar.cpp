@@ -9,11 +9,8 @@
 #include "frame/driver.h"
 #include "fuzz/scratch.h"
 #include "module/usb/bus.h"
-#include "operations/module_procedures.h"
-#include "protocol/procedures.h"
 #include "records/driver_info.h"
 #include "support/virtual_clock.h"
-#include "upgrade/bootloader.h"
 
 namespace {
 
@@ -100,31 +97,7 @@ void start(bio_dev& dev) {
   dev.ops_open(&dev);
 }
 
-// Every command that is one exchange, or brings a bulk of data.
-void ask_everything() {
-  for (const auto command :
-       {fp_handshake, fp_read_sys_param, fp_get_valid_template_num, fp_get_chip_serial_num,
-        fp_get_bright, fp_get_fprint_img, fp_upload_fprint_img, fp_read_flash_info_page,
-        fp_empty_template, fp_sleep})
-    command();
-}
-
-void ask_bootloader(bio_dev& dev, wrx_module::Device& device) {
-  dev.ops_close(&dev);
-  wrx_module::bus().locked([&] {
-    device.memory().stored_crc.reset();  // without an image that starts, it is what power brings
-    device.power_cycle();
-  });
-  if (boot_open_dev() != 0) return;
-  readSN();
-  readEFlash(0, 200);
-  readCRC(0, 100);
-  checkCRC();
-  selfTest();
-  boot_close_dev();
-}
-
-void operate(bio_dev& dev, wrx_module::Device& device, uint8_t operation) {
+void operate(bio_dev& dev, uint8_t operation) {
   char name[] = "finger";
   const std::function<void()> operations[] = {
       [&] { dev.ops_enroll(&dev, ACTION_START, kUser, -1, name); },
@@ -137,8 +110,6 @@ void operate(bio_dev& dev, wrx_module::Device& device, uint8_t operation) {
         start(dev);
       },
       [&] { start(dev); },
-      ask_everything,
-      [&] { ask_bootloader(dev, device); },
   };
   operations[operation % std::size(operations)]();
 }
@@ -197,7 +168,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     stopped = true;
     clock.at(clock.now_us(), [&] { dev.ops_stop_by_user(&dev, 3000); });
   };
-  operate(dev, device, operation);
+  operate(dev, operation);
   clock.join();
   clock.on_sleep = nullptr;
   expect_recovery(dev, device);
