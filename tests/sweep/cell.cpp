@@ -144,8 +144,6 @@ void World::run(Outcome& outcome) {
   set_rescue();
   outcome.ms = rig.time_of([&] { outcome.returned = cell_.operation->run(rig); });
   outcome.words = {rig.result(), rig.notification()};
-  const char* told = bio_get_notify_mid_mesg(&rig.dev);
-  outcome.told = told != nullptr ? told : "";
   judge_bound(outcome);
   judge_strikes(outcome);
 }

@@ -67,7 +67,6 @@ struct Outcome {
   int64_t ms = 0;  ///< that the operation took
   int returned = 0;
   Words words;
-  std::string told;   ///< the last text for the user
   std::string state;  ///< of handshake word, records, slots and the verify after it
   std::vector<std::string> trace;
 };

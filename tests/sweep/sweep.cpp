@@ -18,7 +18,6 @@
 #include <thread>
 
 #include "sweep/expectations.h"
-#include "sweep/html.h"
 #include "sweep/space.h"
 
 namespace sweep {
@@ -86,12 +85,9 @@ Outcome run_guarded(const Cell& cell, bool traced) {
 }
 
 // Runs cells until none is left. False when a rig could not set its world up, which has been said.
-bool work(const Cells& cells, Totals& totals, Page* page) {
-  for (size_t i; (i = totals.next++) < cells.size();) {
-    const Outcome outcome = run_guarded(cells[i], page != nullptr);
-    judge(cells[i], outcome, totals);
-    if (page != nullptr) page->add(cells[i], outcome);
-  }
+bool work(const Cells& cells, Totals& totals) {
+  for (size_t i; (i = totals.next++) < cells.size();)
+    judge(cells[i], run_guarded(cells[i], false), totals);
   return !testing::UnitTest::GetInstance()->Failed();
 }
 
@@ -99,7 +95,7 @@ bool work(const Cells& cells, Totals& totals, Page* page) {
 bool work_together(const Cells& cells, Totals& totals, unsigned jobs) {
   std::cout << std::flush;
   for (unsigned i = 0; i < jobs; ++i) {
-    if (fork() == 0) std::exit(work(cells, totals, nullptr) ? 0 : 1);
+    if (fork() == 0) std::exit(work(cells, totals) ? 0 : 1);
   }
   bool sound = true;
   for (int status = 0; wait(&status) > 0;)
@@ -107,12 +103,11 @@ bool work_together(const Cells& cells, Totals& totals, unsigned jobs) {
   return sound;
 }
 
-int sweep_cells(const Cells& cells, unsigned jobs, Page* page = nullptr) {
+int sweep_cells(const Cells& cells, unsigned jobs) {
   Totals& totals = Totals::shared();
   std::cout << cells.size() << " cells\n";
   const auto begun = std::chrono::steady_clock::now();
-  const bool sound =
-      page != nullptr ? work(cells, totals, page) : work_together(cells, totals, jobs);
+  const bool sound = work_together(cells, totals, jobs);
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
   for (size_t i = 0; i < expectations().size(); ++i) {
     std::cout << "expected " << totals.rows[i] << "  " << expectations()[i].reason << "\n";
@@ -143,19 +138,6 @@ int replay(const std::string& name) {
   return totals.failed == 0 ? 0 : 1;
 }
 
-// Of the cells, those of one kind of module that nobody stops, each with its trace.
-int write_page(Cells shown, const std::string& path) {
-  std::erase_if(shown, [](const Cell& cell) {
-    const Setting& setting = cell.setting;
-    return setting.empty != EmptyRead::answers_empty || setting.packet != 64 || setting.stop;
-  });
-  Page page;
-  const int result = sweep_cells(shown, 1, &page);
-  if (page.write(path)) return result;
-  std::cerr << "sweep: cannot write " << path << "\n";
-  return 2;
-}
-
 // Every pair of an enrolment, some of an upgrade.
 Cells pairs() {
   Cells cells = pairs_of(*operation_named("enroll"), 1, 1);
@@ -176,30 +158,28 @@ Cells sample() {
 
 int run_program(int argc, char** argv) {
   CLI::App app("Every fault at every transfer of every operation.");
-  std::string cell, page, only;
+  std::string cell, only;
   unsigned jobs = std::max(1U, std::thread::hardware_concurrency());
   bool sampled = false, paired = false;
   app.add_option("--cell", cell,
                  "run OPERATION:TRANSFER:FAULT[:settings] and show its trace; two faults as "
                  "OPERATION:TRANSFER+TRANSFER:FAULT+FAULT");
   app.add_flag("--sample", sampled, "a fixed sample of single faults and of pairs");
-  auto* pairs_option = app.add_flag(
-      "--pairs", paired, "two faults: every pair in an enrolment, a sample in an upgrade");
+  app.add_flag("--pairs", paired,
+               "two faults: every pair in an enrolment, a sample in an upgrade");
   app.add_option("--only", only, "only the operation of this name")
       ->check([](const std::string& name) {
         return operation_named(name) != nullptr ? "" : "no operation is named " + name;
       });
   app.add_option("--jobs", jobs, "worker processes, one a core unless told")
       ->check(CLI::Range(1U, 256U));
-  app.add_option("--html", page, "write a page on what the user meets to this file")
-      ->excludes(pairs_option);
   CLI11_PARSE(app, argc, argv);
   for (const int signal : {SIGSEGV, SIGABRT, SIGALRM, SIGFPE, SIGBUS})
     ::signal(signal, say_where);
   if (!cell.empty()) return replay(cell);
   Cells cells = paired ? pairs() : sampled ? sample() : single_faults();
   if (!only.empty()) std::erase_if(cells, [&](const Cell& c) { return c.operation->name != only; });
-  return page.empty() ? sweep_cells(cells, jobs) : write_page(std::move(cells), page);
+  return sweep_cells(cells, jobs);
 }
 
 }  // namespace
