@@ -3,10 +3,8 @@
 #include "sweep/cell.h"
 
 #include <algorithm>
-#include <charconv>
 #include <map>
 #include <set>
-#include <sstream>
 
 #include "base/stop_flags.h"
 #include "protocol/packet.h"
@@ -69,24 +67,25 @@ class World {
   }
   ~World() { wrx_module::bus().faults().on_strike = {}; }
 
-  /// Runs the operation with its faults; every failure is filed in `outcome`.
-  void run(Outcome& outcome);
-  void judge_end(Outcome& outcome);
-  void judge_stop(Outcome& outcome);
-  void judge_slots(Outcome& outcome);
-  void judge_after(Outcome& outcome);
+  /// Runs the operation with its faults.
+  void run();
+  void judge_end();
+  void judge_stop();
+  void judge_slots();
+  void judge_after();
 
   Rig rig;
+  Outcome outcome;  ///< filed in it is every failure
 
  private:
   void watch(bool traced);
   void set_faults();
   void set_rescue();
-  void judge_bound(Outcome& outcome);
-  void judge_strikes(Outcome& outcome);
+  void judge_bound();
+  void judge_strikes();
   void settle();
   bool verify_works();
-  bool stoppable() const { return cell_.operation->family.stop != Stop::unheard; }
+  void fail(Check check, const std::string& what) { outcome.failures.push_back({check, what}); }
 
   Silence silence_;
   const Cell& cell_;
@@ -130,26 +129,25 @@ void World::set_rescue() {
   const int64_t read_ms = cell_.setting.empty == EmptyRead::times_out ? kReadLimitMs : 0;
   const int64_t finger_ms = cell_.setting.stop ? 0 : kFingerMs;
   bound_ms_ = family.bound_ms(read_ms, finger_ms) + kFaultMs * static_cast<int64_t>(strikes.size());
-  endless_ = std::any_of(strikes.begin(), strikes.end(), [](const Strike& s) {
-    return s.fault->name == "never" && unlimited(s.role);
-  });
+  endless_ = std::ranges::any_of(
+      strikes, [](const Strike& s) { return s.fault->name == "never" && unlimited(s.role); });
   if (endless_) rig.play("at " + std::to_string(bound_ms_) + "ms; unplug");
   if (family.stop != Stop::only_end || cell_.setting.stop) return;
   rig.stop_at(bound_ms_ * (endless_ ? 2 : 1));
 }
 
-void World::run(Outcome& outcome) {
+void World::run() {
   const Silence silence(stderr, true);
   set_faults();
   set_rescue();
   outcome.ms = rig.time_of([&] { outcome.returned = cell_.operation->run(rig); });
   outcome.words = {rig.result(), rig.notification()};
-  judge_bound(outcome);
-  judge_strikes(outcome);
+  judge_bound();
+  judge_strikes();
 }
 
 // An operation that had to be rescued has its bound anew from there on.
-void World::judge_bound(Outcome& outcome) {
+void World::judge_bound() {
   if (outcome.ms < bound_ms_ || (outcome.ms == bound_ms_ && !endless_)) return;
   const bool only_stop = cell_.operation->family.stop == Stop::only_end;
   const bool stopped = only_stop && outcome.words.first == OPS_COMM_STOP_BY_USER;
@@ -157,10 +155,10 @@ void World::judge_bound(Outcome& outcome) {
       std::to_string(outcome.ms) + " ms, its waits allow " + std::to_string(bound_ms_);
   if (endless_ && outcome.ms <= bound_ms_ * (only_stop ? 3 : 2)) what = "ended by the unplug";
   if (!endless_ && stopped && outcome.ms <= bound_ms_ * 2) what = "ended by a stop";
-  outcome.failures.push_back({Check::bound, what});
+  fail(Check::bound, what);
 }
 
-void World::judge_strikes(Outcome& outcome) {
+void World::judge_strikes() {
   const auto struck = wrx_module::bus().faults().struck();
   size_t next = 0;
   for (const Strike& strike : cell_.strikes()) {
@@ -169,49 +167,41 @@ void World::judge_strikes(Outcome& outcome) {
                          : next < struck.size() && struck[next].at == strike.transfer;
     if (!strike.fault->call) ++next;
     if (hit) continue;
-    outcome.failures.push_back({Check::strike, std::string(strike.fault->name) + " at " +
-                                                   std::to_string(strike.transfer) +
-                                                   " did not strike"});
+    fail(Check::strike, std::string(strike.fault->name) + " at " + std::to_string(strike.transfer) +
+                            " did not strike");
   }
 }
 
-void World::judge_end(Outcome& outcome) {
-  if (rig.status() != DEVS_COMM_IDLE) {
-    outcome.failures.push_back({Check::status, "status " + std::to_string(rig.status())});
-  }
+void World::judge_end() {
+  if (rig.status() != DEVS_COMM_IDLE) fail(Check::status, "status " + std::to_string(rig.status()));
   const auto& allowed = cell_.operation->family.words;
-  if (std::find(allowed.begin(), allowed.end(), outcome.words) == allowed.end()) {
-    outcome.failures.push_back({Check::words, words_text(outcome.words)});
-  }
+  if (std::ranges::find(allowed, outcome.words) == allowed.end())
+    fail(Check::words, words_text(outcome.words));
 }
 
-void World::judge_stop(Outcome& outcome) {
-  const int transfers = wrx_module::bus().faults().count();
+void World::judge_stop() {
+  const int since = wrx_module::bus().faults().count() - stopped_at_;
   rig.clock.join();
   const int32_t flag = rig.info().ctrlFlag;
+  const int result = outcome.words.first;
+  const Family& family = cell_.operation->family;
   outcome.state += "handshake " + std::to_string(flag);
-  const auto fail = [&](const std::string& what) {
-    outcome.failures.push_back({Check::stop, what + words_text(outcome.words)});
-  };
   const bool answered = flag == kStopAcknowledged;
+  std::string what;
   if (!cell_.setting.stop) {
-    if (flag != 0 && !(answered && outcome.words.first == OPS_COMM_STOP_BY_USER)) {
-      fail("handshake " + std::to_string(flag) + " without a stop, ");
-    }
-    return;
-  }
-  const int since = transfers - stopped_at_;
-  if (flag == 0) return fail("idle, ");
-  if (answered) {
-    const bool ended =
-        outcome.words.first == OPS_COMM_STOP_BY_USER || outcome.words.first == OPS_ENROLL_FAIL;
-    if (!ended) fail("acknowledged late, ");
-  } else if (stoppable() && outcome.words.first != OPS_ENROLL_FAIL &&
-             since > cell_.operation->family.transfers_to_end) {
-    fail("ignored for " + std::to_string(since) + " transfers, ");
+    if (flag != 0 && !(answered && result == OPS_COMM_STOP_BY_USER))
+      what = "handshake " + std::to_string(flag) + " without a stop, ";
+  } else if (flag == 0) {
+    what = "idle, ";
+  } else if (answered) {
+    if (result != OPS_COMM_STOP_BY_USER && result != OPS_ENROLL_FAIL) what = "acknowledged late, ";
+  } else if (family.stop != Stop::unheard && result != OPS_ENROLL_FAIL &&
+             since > family.transfers_to_end) {
+    what = "ignored for " + std::to_string(since) + " transfers, ";
   } else {
-    fail("not acknowledged, ");
+    what = "not acknowledged, ";
   }
+  if (!what.empty()) fail(Check::stop, what + words_text(outcome.words));
 }
 
 // The database as its bytes tell: most cells leave it as it was.
@@ -224,7 +214,7 @@ const std::vector<Stored>& stored_by(Rig& rig) {
   return known[bytes] = rig.stored();
 }
 
-void World::judge_slots(Outcome& outcome) {
+void World::judge_slots() {
   const auto& templates = rig.device.memory().templates;
   std::set<int> seen;
   for (const Stored& record : stored_by(rig)) {
@@ -241,7 +231,7 @@ void World::judge_slots(Outcome& outcome) {
     } else {
       continue;
     }
-    outcome.failures.push_back({Check::slots, what + words_text(outcome.words)});
+    fail(Check::slots, what + words_text(outcome.words));
   }
 }
 
@@ -271,14 +261,11 @@ bool World::verify_works() {
   return false;
 }
 
-void World::judge_after(Outcome& outcome) {
+void World::judge_after() {
   settle();
   rig.info().timeoutMS = kFingerMs;
   rig.close();
-  if (rig.open() != 0) {
-    outcome.failures.push_back({Check::after, "cannot be opened"});
-    return;
-  }
+  if (rig.open() != 0) return fail(Check::after, "cannot be opened");
   int tries = 1;
   while (!verify_works() && tries <= kVerifies)
     ++tries;
@@ -291,21 +278,7 @@ void World::judge_after(Outcome& outcome) {
                           : "no verify works, result " + std::to_string(rig.result());
   }
   outcome.state += "; " + what;
-  if (tries > 1)
-    outcome.failures.push_back({Check::after, what + ", " + words_text(outcome.words)});
-}
-
-std::string setting_text(const Setting& setting) {
-  return std::string(setting.empty == EmptyRead::times_out ? "wait," : "once,") +
-         std::to_string(setting.packet) + (setting.stop ? ",stop" : "");
-}
-
-std::vector<std::string> split(const std::string& text, char at) {
-  std::istringstream in(text);
-  std::vector<std::string> parts;
-  for (std::string part; std::getline(in, part, at);)
-    parts.push_back(part);
-  return parts;
+  if (tries > 1) fail(Check::after, what + ", " + words_text(outcome.words));
 }
 
 // A vain read is three transfers, or one that fails at once.
@@ -332,52 +305,6 @@ std::string_view check_name(Check check) {
   return kNames[static_cast<size_t>(check)];
 }
 
-std::string coordinates(const Cell& cell) {
-  std::string transfers, kinds;
-  for (const Strike& strike : cell.strikes()) {
-    const char* plus = transfers.empty() ? "" : "+";
-    transfers += plus + std::to_string(strike.transfer);
-    kinds += plus + std::string(strike.fault->name);
-  }
-  return std::string(cell.operation->name) + ":" + transfers + ":" + kinds + ":" +
-         setting_text(cell.setting);
-}
-
-std::optional<Cell> cell_named(const std::string& text, std::string& error) {
-  const std::vector<std::string> parts = split(text, ':');
-  Cell cell;
-  error = "expected OPERATION:TRANSFER:FAULT[:settings]";
-  if (parts.size() < 3) return std::nullopt;
-  cell.operation = operation_named(parts[0]);
-  error = "unknown operation " + parts[0];
-  if (cell.operation == nullptr) return std::nullopt;
-  for (const std::string& word : split(parts.size() > 3 ? parts[3] : "", ',')) {
-    if (word == "wait") cell.setting.empty = EmptyRead::times_out;
-    if (word == "512") cell.setting.packet = 512;
-    if (word == "stop") cell.setting.stop = true;
-  }
-  const std::vector<std::string> numbers = split(parts[1], '+'), kinds = split(parts[2], '+');
-  error = "one or two faults, each with its transfer";
-  if (numbers.size() != kinds.size() || kinds.size() > Cell::kMostFaults) return std::nullopt;
-  for (size_t i = 0; i < kinds.size(); ++i) {
-    const std::vector<Transfer> transfers = transfers_of(cell);
-    Strike strike;
-    const auto end = numbers[i].data() + numbers[i].size();
-    const bool number = std::from_chars(numbers[i].data(), end, strike.transfer).ptr == end;
-    strike.fault = fault_named(kinds[i]);
-    error = "unknown fault " + kinds[i];
-    if (strike.fault == nullptr) return std::nullopt;
-    const int last = static_cast<int>(transfers.size());
-    error = "transfer " + numbers[i] + " is none of 0 to " + std::to_string(last);
-    if (!number || strike.transfer < 0 || strike.transfer > last) return std::nullopt;
-    if (strike.transfer > 0) strike.role = transfers[static_cast<size_t>(strike.transfer - 1)].role;
-    error = kinds[i] + " does not fit transfer " + numbers[i];
-    if (!fits(*strike.fault, strike.role)) return std::nullopt;
-    cell.add(strike);
-  }
-  return cell;
-}
-
 std::vector<Transfer> transfers_of(const Cell& cell) {
   World world(cell, false);
   std::vector<wrx_module::TraceRecord> seen;
@@ -386,8 +313,7 @@ std::vector<Transfer> transfers_of(const Cell& cell) {
         record.kind == wrx_module::TraceKind::in || record.kind == wrx_module::TraceKind::out;
     if (bulk) seen.push_back(record);
   });
-  Outcome ignored;
-  world.run(ignored);
+  world.run();
   wrx_module::bus().set_trace({});
   std::vector<Transfer> transfers(seen.size());
   std::ranges::transform(seen, transfers.begin(),
@@ -397,15 +323,14 @@ std::vector<Transfer> transfers_of(const Cell& cell) {
 }
 
 Outcome run(const Cell& cell, bool traced) {
-  Outcome outcome;
   World world(cell, traced);
-  world.run(outcome);
-  world.judge_end(outcome);
-  world.judge_stop(outcome);
-  if (traced) outcome.trace = world.rig.trace.lines();
-  world.judge_slots(outcome);
-  world.judge_after(outcome);
-  return outcome;
+  world.run();
+  world.judge_end();
+  world.judge_stop();
+  if (traced) world.outcome.trace = world.rig.trace.lines();
+  world.judge_slots();
+  world.judge_after();
+  return world.outcome;
 }
 
 }  // namespace sweep

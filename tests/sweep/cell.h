@@ -4,7 +4,6 @@
 #pragma once
 
 #include <array>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -39,11 +38,6 @@ struct Cell {
   void add(const Strike& strike) { plan[faults++] = strike; }
   std::span<const Strike> strikes() const { return {plan.data(), faults}; }
 };
-
-/// "enroll:17:stale:once,64,stop", or "enroll:17+18:stale+io:…" for two faults.
-std::string coordinates(const Cell& cell);
-/// Reads such a text, settings optional; without a result `error` says what is wrong.
-std::optional<Cell> cell_named(const std::string& text, std::string& error);
 
 /// What is asserted of every cell.
 enum class Check {

@@ -52,13 +52,6 @@ std::span<const FaultRow> faults() {
   return kFaults;
 }
 
-const FaultRow* fault_named(std::string_view name) {
-  for (const FaultRow& row : kFaults) {
-    if (row.name == name) return &row;
-  }
-  return nullptr;
-}
-
 Role role_of(const wrx_module::TraceRecord& transfer) {
   switch (transfer.endpoint) {
     case 0x01:

@@ -29,8 +29,6 @@ struct FaultRow {
 };
 
 std::span<const FaultRow> faults();
-/// The row of a name; null when there is none.
-const FaultRow* fault_named(std::string_view name);
 
 Role role_of(const wrx_module::TraceRecord& transfer);
 std::string_view role_name(Role role);

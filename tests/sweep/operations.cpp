@@ -106,26 +106,20 @@ constexpr Family kCommands = {kOpened, Stop::unheard, command, 0};
 
 // ---- worlds
 
-void configured(Rig& rig) {
-  rig.configure();
-}
+constexpr auto configured = [](Rig& rig) { rig.configure(); };
 void opened(Rig& rig) {
   rig.configure();
   rig.info().timeoutMS = kFingerMs;
   rig.open();
 }
-void pressed(Rig& rig) {
-  opened(rig);
-  rig.play("press thumb x2");
-}
+constexpr auto pressed = [](Rig& rig) { opened(rig), rig.play("press thumb x2"); };
+constexpr auto new_finger = [](Rig& rig) { opened(rig), rig.play("press ring x13"); };
+constexpr auto ten_fingers = [](Rig& rig) { stock(rig, 10), new_finger(rig); };
+constexpr auto held_result = [](Rig& rig) { rig.start(), rig.open(); };
 void picture_taken(Rig& rig) {
   opened(rig);
   rig.play("at 0ms; press thumb");
   fp_get_fprint_img();
-}
-void new_finger(Rig& rig) {
-  opened(rig);
-  rig.play("press ring x13");
 }
 // Another user has the finger already, and the module stores no finger twice. Before that there is
 // a template to erase, and a finger that the user has.
@@ -136,79 +130,47 @@ void strangers_finger(Rig& rig) {
   opened(rig);
   rig.play("press thumb; press ring x13");
 }
-void ten_fingers(Rig& rig) {
-  stock(rig, 10);
-  new_finger(rig);
-}
 void upgrade_due(Rig& rig) {
   rig.extra_config("UpgradeMode=AUTO_UPGRADE\nUpgradeFlag=5\n");
   rig.install_firmware("ACM32FP_V101", wrx_test::image_of(481));
   rig.configure();
 }
-void torn_upgrade(Rig& rig) {
-  wrx_test::break_firmware(rig);
-  upgrade_due(rig);
-}
-void held_result(Rig& rig) {
-  rig.start();
-  rig.open();
-}
-void whole_steps(Settings& settings) {
+constexpr auto torn_upgrade = [](Rig& rig) { wrx_test::break_firmware(rig), upgrade_due(rig); };
+
+constexpr auto whole_steps = [](Settings& settings) {
   settings.link.batch = wrx_module::Batch::one_step;
-}
-void stores_nothing_twice(Settings& settings) {
+};
+constexpr auto stores_nothing_twice = [](Settings& settings) {
   whole_steps(settings);
   settings.procedure.refuse_duplicates = true;
-}
-void new_image(Settings& settings) {
+};
+constexpr auto new_image = [](Settings& settings) {
   settings.bootloader.version_of_image = [](auto) { return 101U; };
-}
-void powered_by_finger(Settings& settings) {
-  settings.power_up.outcome = wrx_module::PowerUpOutcome::match;
-  settings.power_up.slots = {20};
-}
-void told_with_version(Settings& settings) {
+};
+constexpr auto powered_by_finger = [](Settings& settings) {
+  settings.power_up = {.outcome = wrx_module::PowerUpOutcome::match, .slots = {20}};
+};
+constexpr auto told_with_version = [](Settings& settings) {
   powered_by_finger(settings);
   settings.power_up.form = wrx_module::ResultForm::list;
   settings.power_up.answers_identify = false;
-}
+};
 
 // ---- calls
 
-int start(Rig& rig) {
-  return rig.driver_init();
-}
-int discover(Rig& rig) {
-  return rig.discover();
-}
-int reopen(Rig& rig) {
-  rig.close();
-  return rig.open();
-}
-int enroll(Rig& rig) {
-  return rig.enroll(Rig::kUser, 3, "ring");
-}
-int verify(Rig& rig) {
-  return rig.verify();
-}
-int identify(Rig& rig) {
-  return rig.identify();
-}
-int search(Rig& rig) {
-  return static_cast<int>(rig.search().size());
-}
-int clean(Rig& rig) {
-  return rig.clean(Rig::kUser, 1, 2);
-}
-int list(Rig& rig) {
-  return static_cast<int>(rig.list().size());
-}
+constexpr auto start = [](Rig& rig) { return rig.driver_init(); };
+constexpr auto discover = [](Rig& rig) { return rig.discover(); };
+constexpr auto reopen = [](Rig& rig) { return rig.close(), rig.open(); };
+constexpr auto enroll = [](Rig& rig) { return rig.enroll(Rig::kUser, 3, "ring"); };
+constexpr auto verify = [](Rig& rig) { return rig.verify(); };
+constexpr auto identify = [](Rig& rig) { return rig.identify(); };
+constexpr auto search = [](Rig& rig) { return static_cast<int>(rig.search().size()); };
+constexpr auto clean = [](Rig& rig) { return rig.clean(Rig::kUser, 1, 2); };
+constexpr auto list = [](Rig& rig) { return static_cast<int>(rig.list().size()); };
+constexpr auto set_mode = [](Rig&) { return fp_set_mode("TEST", 4); };
 template <auto procedure, auto... arguments>
 int call(Rig&) {
   return procedure(arguments...);
-}
-int set_mode(Rig&) {
-  return fp_set_mode("TEST", 4);
 }
 
 constexpr Leaves kStart = {.needs_start = true};

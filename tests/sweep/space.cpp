@@ -3,23 +3,27 @@
 #include "sweep/space.h"
 
 #include <algorithm>
+#include <sstream>
 
 namespace sweep {
 namespace {
 
 using wrx_module::EmptyRead;
 
-// The faults that fit the transfers of `cell` behind number `after`.
-template <typename Take>
-void each_strike(const Cell& cell, size_t after, const Take& take) {
-  const std::vector<Transfer> transfers = transfers_of(cell);
-  for (size_t i = after; i < transfers.size(); ++i) {
+// The faults that fit the transfers of `cell` behind number `after`; before the first one, those of
+// the USB library's calls.
+std::vector<Strike> strikes_of(const Cell& cell, int after = -1) {
+  std::vector<Transfer> transfers = transfers_of(cell);
+  transfers.insert(transfers.begin(), Transfer{Role::call});
+  std::vector<Strike> strikes;
+  for (int i = after + 1; i < static_cast<int>(transfers.size()); ++i) {
+    const Transfer& transfer = transfers[static_cast<size_t>(i)];
     for (const FaultRow& fault : faults()) {
-      const Transfer& transfer = transfers[i];
-      if (!fits(fault, transfer.role) || (after != 0 && transfer.waiting)) continue;
-      take(Strike{static_cast<int>(i) + 1, transfer.role, &fault});
+      const bool taken = fits(fault, transfer.role) && !(after > 0 && transfer.waiting);
+      if (taken) strikes.push_back({i, transfer.role, &fault});
     }
   }
+  return strikes;
 }
 
 Cell with(Cell cell, const Strike& strike) {
@@ -27,19 +31,51 @@ Cell with(Cell cell, const Strike& strike) {
   return cell;
 }
 
-// The calls of the USB library that the operation makes at all.
-void add_calls(const Cell& clean, Cells& cells) {
-  for (const FaultRow& fault : faults()) {
-    if (!fault.call) continue;
-    const Cell cell = with(clean, {0, Role::call, &fault});
-    const std::vector<Failure> failures = run(cell).failures;
-    const bool struck = std::none_of(failures.begin(), failures.end(),
-                                     [](const Failure& f) { return f.check == Check::strike; });
-    if (struck) cells.push_back(cell);
-  }
+// Whether the operation makes the call of the USB library at all that is to be refused.
+bool happens(const Cell& cell) {
+  return std::ranges::none_of(run(cell).failures,
+                              [](const Failure& f) { return f.check == Check::strike; });
 }
 
 }  // namespace
+
+std::string coordinates(const Cell& cell) {
+  std::string transfers, kinds;
+  for (const Strike& strike : cell.strikes()) {
+    const char* plus = transfers.empty() ? "" : "+";
+    transfers += plus + std::to_string(strike.transfer);
+    kinds += plus + std::string(strike.fault->name);
+  }
+  const Setting& setting = cell.setting;
+  return std::string(cell.operation->name) + ":" + transfers + ":" + kinds +
+         (setting.empty == EmptyRead::times_out ? ":wait," : ":once,") +
+         std::to_string(setting.packet) + (setting.stop ? ",stop" : "");
+}
+
+std::optional<Cell> cell_named(const std::string& text) {
+  std::istringstream in(text);
+  std::string name, transfers, kinds, settings;
+  for (std::string* part : {&name, &transfers, &kinds, &settings})
+    std::getline(in, *part, ':');
+  Cell cell;
+  cell.operation = operation_named(name);
+  if (cell.operation == nullptr) return std::nullopt;
+  const auto set = [&](const char* word) { return settings.find(word) != std::string::npos; };
+  if (set("wait")) cell.setting.empty = EmptyRead::times_out;
+  if (set("512")) cell.setting.packet = 512;
+  cell.setting.stop = set("stop");
+  std::istringstream numbers(transfers), names(kinds);
+  for (std::string number, kind; std::getline(numbers, number, '+');) {
+    std::getline(names, kind, '+');
+    const std::vector<Strike> known = strikes_of(cell);
+    const auto strike = std::ranges::find_if(known, [&](const Strike& s) {
+      return std::to_string(s.transfer) == number && s.fault->name == kind;
+    });
+    if (strike == known.end() || cell.faults == Cell::kMostFaults) return std::nullopt;
+    cell.add(*strike);
+  }
+  return cell.faults != 0 ? std::optional(cell) : std::nullopt;
+}
 
 Cells single_faults() {
   Cells cells;
@@ -47,13 +83,14 @@ Cells single_faults() {
     for (const uint16_t packet : {uint16_t{64}, uint16_t{512}}) {
       for (const Operation& operation : operations()) {
         Cell clean = {&operation, {empty, packet, false}};
-        add_calls(clean, cells);
-        each_strike(clean, 0, [&](const Strike& strike) {
-          for (const bool stop : {false, true}) {
-            clean.setting.stop = stop;
-            cells.push_back(with(clean, strike));
-          }
-        });
+        for (const Strike& strike : strikes_of(clean)) {
+          const bool call = strike.role == Role::call;
+          if (call && !happens(with(clean, strike))) continue;
+          cells.push_back(with(clean, strike));
+          if (call) continue;
+          cells.push_back(with(clean, strike));
+          cells.back().setting.stop = true;
+        }
       }
     }
   }
@@ -64,13 +101,13 @@ Cells pairs_of(const Operation& operation, size_t first_step, size_t pair_step) 
   Cells cells;
   size_t firsts = 0, pairs = 0;
   const Cell clean = {&operation, {}};
-  each_strike(clean, 0, [&](const Strike& first) {
-    if (first.fault->stood_for || firsts++ % first_step != 0) return;
+  for (const Strike& first : strikes_of(clean, 0)) {
+    if (first.fault->stood_for || firsts++ % first_step != 0) continue;
     const Cell one = with(clean, first);
-    each_strike(one, static_cast<size_t>(first.transfer), [&](const Strike& second) {
+    for (const Strike& second : strikes_of(one, first.transfer)) {
       if (!second.fault->stood_for && pairs++ % pair_step == 0) cells.push_back(with(one, second));
-    });
-  });
+    }
+  }
   return cells;
 }
 

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The cells that there are. All of them are known before the first one runs.
+// The cells that there are, and their names. All of them are known before the first one runs.
 #pragma once
 
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "sweep/cell.h"
@@ -9,6 +11,11 @@
 namespace sweep {
 
 using Cells = std::vector<Cell>;
+
+/// "enroll:17:stale:once,64,stop", or "enroll:17+18:stale+io:…" for two faults.
+std::string coordinates(const Cell& cell);
+/// The cell of such a text, settings optional; nothing when there is none.
+std::optional<Cell> cell_named(const std::string& text);
 
 /// One fault each: every operation at every kind of module, every transfer that it makes, every
 /// kind of fault that fits, with and without a stop in that moment.

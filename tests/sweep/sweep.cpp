@@ -120,10 +120,9 @@ int sweep_cells(const Cells& cells, unsigned jobs) {
 }
 
 int replay(const std::string& name) {
-  std::string error;
-  const auto cell = cell_named(name, error);
+  const auto cell = cell_named(name);
   if (!cell) {
-    std::cerr << "sweep: " << error << "\n";
+    std::cerr << "sweep: " << name << " names no fault that fits a transfer of an operation\n";
     return 2;
   }
   const Outcome outcome = run_guarded(*cell, true);
@@ -165,8 +164,7 @@ int run_program(int argc, char** argv) {
                  "run OPERATION:TRANSFER:FAULT[:settings] and show its trace; two faults as "
                  "OPERATION:TRANSFER+TRANSFER:FAULT+FAULT");
   app.add_flag("--sample", sampled, "a fixed sample of single faults and of pairs");
-  app.add_flag("--pairs", paired,
-               "two faults: every pair in an enrolment, a sample in an upgrade");
+  app.add_flag("--pairs", paired, "two faults: every pair in an enrolment, a sample in an upgrade");
   app.add_option("--only", only, "only the operation of this name")
       ->check([](const std::string& name) {
         return operation_named(name) != nullptr ? "" : "no operation is named " + name;
