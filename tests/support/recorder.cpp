@@ -8,6 +8,8 @@
 #include <bit>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
+#include <span>
 
 #include "support/virtual_clock.h"
 
@@ -147,6 +149,62 @@ std::string quoted(const char* text) {
     result += *c;
   }
   return result + "\"";
+}
+
+namespace {
+
+/// A line's time, if it begins with one, and the rest of it.
+struct TimedLine {
+  explicit TimedLine(const std::string& line) : text(line) {
+    const size_t end = line.rfind("@ t=", 0) == 0 ? line.find(' ', 4) : std::string::npos;
+    if (end == std::string::npos) return;
+    ms = std::stoll(line.substr(4));
+    text = line.substr(end);
+  }
+  std::optional<int64_t> ms;
+  std::string text;
+};
+
+/// How many lines of `now` are those of `then`, all so many milliseconds later.
+std::pair<size_t, int64_t> repeated(std::span<const TimedLine> then,
+                                    std::span<const TimedLine> now) {
+  std::optional<int64_t> later_ms;
+  size_t count = 0;
+  for (; count < std::min(then.size(), now.size()); ++count) {
+    const TimedLine &one = then[count], &other = now[count];
+    if (one.text != other.text || one.ms.has_value() != other.ms.has_value()) break;
+    if (one.ms && later_ms.value_or(*other.ms - *one.ms) != *other.ms - *one.ms) break;
+    if (one.ms) later_ms = *other.ms - *one.ms;
+  }
+  return {count, later_ms.value_or(0)};
+}
+
+}  // namespace
+
+std::vector<std::string> without_repeats(const std::vector<std::string>& lines) {
+  constexpr size_t kWorthNaming = 6;
+  const std::vector<TimedLine> all(lines.begin(), lines.end());
+  std::vector<std::string> result;
+  std::vector<size_t> begins;  // where in the trace a line of the result begins
+  for (size_t at = 0; at < lines.size();) {
+    begins.push_back(at);
+    size_t most = 1;
+    std::string line = lines[at];
+    for (size_t from = 0; from + 1 < begins.size(); ++from) {
+      const auto trace = std::span(all);
+      const auto [count, later_ms] =
+          repeated(trace.subspan(begins[from], at - begins[from]), trace.subspan(at));
+      // As many lines of the result as that are wholly repeated.
+      const auto end = std::ranges::upper_bound(begins, begins[from] + count) - 1;
+      if (*end < begins[from] + std::max(most + 1, kWorthNaming)) continue;
+      most = *end - begins[from];
+      line = fmt::format("… lines {} to {} again, {} ms {}", from + 1, end - begins.begin(),
+                         std::abs(later_ms), later_ms < 0 ? "earlier" : "later");
+    }
+    result.push_back(line);
+    at += most;
+  }
+  return result;
 }
 
 std::string golden_difference(const std::string& name, std::vector<std::string> lines) {

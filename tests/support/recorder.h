@@ -63,6 +63,10 @@ struct Unrecorded {
 /// "text" with its control characters, quotes and backslashes escaped as in C, in quotes.
 std::string quoted(const char* text);
 
+/// The trace without the passages that it has shown already, but for a shift in time: a line names
+/// the lines of the result that each of them repeats.
+std::vector<std::string> without_repeats(const std::vector<std::string>& lines);
+
 /// Compares with tests/golden/<name>.txt; returns an explanation of the first difference, or
 /// nothing. With WRX_UPDATE_GOLDEN set, the file is written anew instead.
 std::string golden_difference(const std::string& name, std::vector<std::string> lines);

@@ -16,6 +16,7 @@
 #include "base/paths.h"
 #include "frame/driver.h"
 #include "module/play/script.h"
+#include "protocol/packet.h"
 #include "support/records.h"
 #include "transport/usb_device.h"
 
@@ -75,9 +76,25 @@ wrx_module::Settings Rig::instant() {
   return settings;
 }
 
+namespace {
+Rig* active_rig = nullptr;
+}  // namespace
+
+// Calls of fp_set_ctrlFlag come here first. Of a stop it is told how the handshake stands by then.
+extern "C" int32_t __real_fp_set_ctrlFlag(int32_t flag);
+extern "C" int32_t __wrap_fp_set_ctrlFlag(int32_t flag) {
+  if (active_rig != nullptr && active_rig->dev.dev_priv != nullptr &&
+      flag == FP_CONTROL_FLAG_STOPPED) {
+    active_rig->trace.note(
+        fmt::format("fp_set_ctrlFlag {}, handshake {}", flag, active_rig->info().ctrlFlag));
+  }
+  return __real_fp_set_ctrlFlag(flag);
+}
+
 Rig::Rig(const wrx_module::Settings& settings)
     : device(clock, settings), scratch_(enter_scratch_folder()) {
   speak_of_failures();
+  active_rig = this;
   wrx_module::bus().reset();
   wrx_module::bus().set_clock(clock);
   wrx_module::bus().set_trace([this](const wrx_module::TraceRecord& record) { trace.usb(record); });
@@ -91,6 +108,7 @@ Rig::Rig(const wrx_module::Settings& settings)
 
 Rig::~Rig() {
   clock.join();
+  active_rig = nullptr;
   if (usb_get_dev_handle() != nullptr) usb_dev_close();
   for (libusb_device_handle* handle : lost_)
     libusb_close(handle);
