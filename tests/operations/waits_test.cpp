@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Every operation takes exactly the waits it is made of, to the millisecond, at a module that does
-// everything at once.
+// everything at once; and so does a user's stop.
 //
 // What the sums below consist of, for a module that answers empty reads at once (A) and for one
 // that lets them run into their limit of 1000 ms (B):
@@ -13,6 +13,7 @@
 #include <sys/time.h>
 
 #include <csignal>
+#include <thread>
 
 #include "base/pause.h"
 #include "operations/module_procedures.h"
@@ -40,6 +41,12 @@ constexpr auto verify = [](Rig& rig) { rig.verify(); };
 constexpr auto identify = [](Rig& rig) { rig.identify(); };
 constexpr auto search = [](Rig& rig) { rig.search(); };
 constexpr auto enroll = [](Rig& rig) { rig.enroll(); };
+constexpr auto start = [](Rig& rig) { rig.start(); };
+constexpr auto clean = [](Rig& rig) {
+  rig.store({Rig::kUser, 0, {20, 21}});
+  rig.store({Rig::kUser, 1, {22}});
+  rig.clean();
+};
 constexpr auto cancel = [](Rig&) { fp_cancel(); };
 constexpr auto erase = [](Rig&) { fp_delete_template(20, 1); };
 constexpr auto index_table = [](Rig&) { fp_read_index_table(0); };
@@ -74,6 +81,10 @@ constexpr Row kRows[] = {
      1000 + 20 + 1060 + 40 + 4 * 1030 + 1000 + 1020},
     {"refusal at a full library", kStep, "press; refuse 49 31", enroll,
      20 + 40 + 20 + 20 + 2000 + 20, 1000 + 20 + 1040 + 20 + 20 + 2000 + 1020},
+    // drain, start, 5 polls, cancel, version and the pause behind it.
+    {"start", kReport, "", start, 20 + 5 * 20 + 20 + 20 + 20,
+     1000 + 20 + 5 * 1020 + 1020 + 20 + 20},
+    {"clean of three templates", kReport, "", clean, 3 * 20, 3 * 20},
     {"open and close", kReport, "", [](Rig& rig) { rig.close(), rig.open(); }, 0, 0},
 };
 
@@ -92,25 +103,6 @@ TEST(Waits, OfEveryOperationAddUp) {
   }
 }
 
-TEST(Waits, OfAStartUp) {
-  // drain, start, 5 polls, cancel, version and the pause behind it.
-  Rig at_once;
-  EXPECT_EQ(at_once.time_of([&] { at_once.start(); }), 0 + 20 + 5 * 20 + 20 + 20 + 20);
-}
-
-TEST(Waits, OfAStartUpWhoseReadsTimeOut) {
-  Rig rig(wrx_module::Settings{});
-  EXPECT_EQ(rig.time_of([&] { rig.start(); }), 1000 + 20 + 5 * 1020 + 1020 + 20 + 20);
-}
-
-TEST(Waits, OfACleanAreAnExchangeATemplate) {
-  Rig rig(wrx_module::Settings{});
-  rig.store({Rig::kUser, 0, {20, 21}});
-  rig.store({Rig::kUser, 1, {22}});
-  rig.ready();
-  EXPECT_EQ(rig.time_of([&] { rig.clean(); }), 3 * 20);
-}
-
 TEST(Waits, TheModulesOwnTimeEndsWithThePassThatSeesIt) {
   wrx_module::Settings settings = Rig::instant();
   settings.link.batch = kStep;
@@ -119,6 +111,59 @@ TEST(Waits, TheModulesOwnTimeEndsWithThePassThatSeesIt) {
   rig.ready();
   rig.play("press");
   EXPECT_EQ(rig.time_of([&] { rig.verify(); }), 340 + 20);
+}
+
+TEST(Stop, OfAnIdleDeviceTouchesNothing) {
+  Rig rig;
+  rig.ready();
+  EXPECT_EQ(rig.time_of([&] { EXPECT_EQ(rig.dev.ops_stop_by_user(&rig.dev, 3000), 0); }), 0);
+  EXPECT_EQ(rig.info().ctrlFlag, kStopIdle);
+  EXPECT_EQ(fp_get_ctrlFlag(), FP_CONTROL_FLAG_IDLE);
+}
+
+TEST(Stop, WaitsTenMillisecondsAPassUpToItsLimitOrAnAnswer) {
+  const struct {
+    int waiting_ms, answer, waited_ms;  // the answer comes at 45 ms; kStopRequested: none
+  } rows[] = {{5000, kStopRequested, 3000}, {95, kStopRequested, 100},     {0, kStopRequested, 0},
+              {3000, kStopIdle, 50},        {3000, kStopAcknowledged, 50}, {3000, kStopEnded, 50}};
+  for (const auto& row : rows) {
+    Rig rig;
+    rig.ready();
+    bio_set_dev_status(&rig.dev, DEVS_CLEAN_DOING);  // busy with what looks for no stop
+    if (row.answer != kStopRequested)
+      rig.clock.at(rig.clock.now_us() + 45'000, [&] { rig.info().ctrlFlag = row.answer; });
+    EXPECT_EQ(rig.time_of([&] { rig.dev.ops_stop_by_user(&rig.dev, row.waiting_ms); }),
+              row.waited_ms);
+    EXPECT_EQ(rig.trace.saw("wrx7700_ops_stop_by_user] end."), row.answer == kStopRequested);
+    rig.close();
+    EXPECT_EQ(rig.info().ctrlFlag, kStopIdle);
+    rig.open();
+    EXPECT_EQ(fp_get_ctrlFlag(), FP_CONTROL_FLAG_IDLE);
+  }
+}
+
+// In real time, with nothing virtual between the two threads: for the sanitizers.
+TEST(Stop, FromAThreadOfItsOwnInRealTime) {
+  wrx_module::RealClock real;
+  wrx_module::Device module(real, Rig::instant());
+  Rig rig;
+  rig.clock.retire();
+  wrx_module::bus().detach(rig.device);
+  wrx_module::bus().set_clock(real);
+  wrx_module::bus().attach(module);
+  rig.ready();
+  for (int round = 0; round < 3; ++round) {
+    std::thread user([&] {
+      while (rig.status() != DEVS_VERIFY_DOING)
+        usleep(1000);
+      usleep(30'000);
+      rig.dev.ops_stop_by_user(&rig.dev, 3000);
+    });
+    EXPECT_EQ(rig.verify(), -1);
+    user.join();
+    EXPECT_EQ(rig.result(), OPS_COMM_STOP_BY_USER);
+    EXPECT_EQ(rig.info().ctrlFlag, kStopAcknowledged);
+  }
 }
 
 TEST(Waits, AreNotCutShortByTheHostsSignals) {

@@ -145,6 +145,8 @@ constexpr struct {
     {"enroll: timed out", enroll, [](Rig& rig) { rig.play("press"); }},
     {"enroll: stopped and timed out", enroll,
      [](Rig& rig) { rig.play("press"), rig.stop_at(150); }},
+    {"enroll: stopped in a press", enroll,
+     [](Rig& rig) { rig.play("press; at 115ms; press"), rig.stop_at(120); }},
     {"enroll: module vanished", enroll,
      [](Rig& rig) { rig.play("press"), rig.lose_handle_at(62); }},
     {"enroll: start refused", enroll, [](Rig& rig) { rig.play("press; refuse 49 27"); }},
