@@ -86,7 +86,11 @@ TEST(Golden, OneOfEachAfterTwoPowerUpPresses) {
   rig.trace.clear();
   rig.clock.at(30'000,
                [&] { wrx_module::bus().locked([&] { rig.device.settings().power_up = second; }); });
+  rig.extra_config("AutoSuspend=1\n");
+  rig.host_config("ModeFlag=7700\n");
+  rig.write_file("sys/bus/usb/devices/1-2/power/control", "on\n");
   rig.start();
+  rig.show_file("sys/bus/usb/devices/1-2/power/control");
   rig.open();
   rig.play("press finger21; press finger20 x2");
   rig.identify();
