@@ -3,6 +3,8 @@
 // configuration, as files.
 #pragma once
 
+#include <signal.h>
+
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -54,14 +56,35 @@ struct Remains {
     rig.device.memory() = memory();
     rig.device.plug();
   }
-  void clear() const {
-    std::filesystem::remove_all(folder + "/host");
-    std::filesystem::remove(folder + "/module");
+  /// The fault strikes from now on. The host's death ends this process on the spot; the module,
+  /// which has not noticed, does what it was last told to.
+  void strike_at(Rig& rig, int transfer, wrx_module::FaultKind fault, bool has_power) const {
+    wrx_module::FaultPlan& faults = wrx_module::bus().faults();
+    faults.clear();
+    faults.add({transfer, fault});
+    faults.on_death = [this, &rig, has_power] {
+      rig.clock.sleep_us(2'000'000);
+      keep(rig, has_power);
+      raise(SIGKILL);
+    };
   }
 
  private:
   static constexpr auto kOver =
       std::filesystem::copy_options::overwrite_existing | std::filesystem::copy_options::recursive;
 };
+
+/// How records and slots differ: each record without its slot, then each slot without record.
+inline std::string differences(Rig& rig) {
+  std::string text;
+  std::vector<int> unclaimed = rig.slots();
+  for (const Stored& record : rig.stored()) {
+    if (std::erase(unclaimed, record.slots.at(0)) == 0)
+      text += "record " + std::to_string(record.index) + " without slot; ";
+  }
+  for (const int slot : unclaimed)
+    text += "slot " + std::to_string(slot) + " without record; ";
+  return text;
+}
 
 }  // namespace wrx_test
