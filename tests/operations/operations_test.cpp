@@ -1,219 +1,178 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Operations in all their outcomes, each in a line of a golden file: what it returned, how long it
-// took, what the module was asked, what the user was told, and what both sides hold afterwards.
-#include <fmt/ranges.h>
+// Every operation takes exactly the waits it is made of, to the millisecond, at a module that does
+// everything at once; and so does a user's stop.
+//
+// What the sums below consist of, for a module that answers empty reads at once (A) and for one
+// that lets them run into their limit of 1000 ms (B):
+//
+//   exchange     20                 A and B: the answer is there after the first wait
+//   drain        A: 0               B: 1000; the first read that fails ends it
+//   cancel       A: 20              B: 20 + 1000: an exchange and a drain
+//   empty pass   A: its pause       B: 1000 + its pause
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
-#include <algorithm>
-#include <map>
-#include <sstream>
+#include <csignal>
+#include <thread>
 
+#include "base/pause.h"
 #include "operations/module_procedures.h"
 #include "protocol/packet.h"
+#include "protocol/procedures.h"
 #include "support/rig.h"
 
 namespace wrx_test {
 namespace {
 
-using wrx_module::PowerUpOutcome;
+using wrx_module::Batch;
+using wrx_module::EmptyRead;
 
-constexpr int kOther = 2000;
-
-std::string in_words(const std::vector<Stored>& features) {
-  std::string text;
-  for (const Stored& feature : features)
-    text += fmt::format(" {}/{}:{}", feature.uid, feature.index, fmt::join(feature.slots, ","));
-  return text;
-}
-
-// The driver's own words to the user, which are not in English, and how often they were said.
-std::string told(Rig& rig) {
-  const std::string begin = "bio_print_debug \"";
-  std::map<std::string, int> counts;
-  for (const std::string& line : rig.trace.lines()) {
-    const size_t at = line.find(begin);
-    if (at == std::string::npos || static_cast<uint8_t>(line[at + begin.size()]) < 0x80) continue;
-    ++counts[line.substr(at + begin.size(), line.find("\\n", at) - at - begin.size())];
-  }
-  std::string text;
-  for (const auto& [words, count] : counts)
-    text += fmt::format("\n     {} x {}", count, words);
-  return text;
-}
-
-// Goes to `age_ms` after the power-up result was taken.
-void let_the_result_be_old(Rig& rig, int64_t age_ms) {
-  const timeval* taken = get_onekey_powerup_tv_time();
-  const int64_t taken_us = (taken->tv_sec - VirtualClock::kEpoch) * 1'000'000 + taken->tv_usec;
-  rig.clock.sleep_us(taken_us + age_ms * 1000 - rig.clock.now_us());
-}
-
-// "verify UID INDEX", "enroll UID INDEX NAME", or an operation on "UID START END"; "age MS" of the
-// power-up result; anything else happens at the module.
-std::string step(Rig& rig, const std::string& text) {
-  std::istringstream words(text);
-  std::string verb, name;
-  int uid = 0, start = 0, end = 0, result = 0;
-  words >> verb >> uid >> start;
-  if (verb == "enroll" ? !(words >> name) : !(words >> end)) end = -1;
-  rig.trace.clear();
-  rig.device.commands().clear();
-  std::string found;
-  const int64_t ms = rig.time_of([&] {
-    if (verb == "verify") result = rig.verify(uid, start);
-    if (verb == "identify") result = rig.identify(uid, start, end);
-    if (verb == "clean") result = rig.clean(uid, start, end);
-    if (verb == "enroll") result = rig.enroll(uid, start, name.c_str());
-    if (verb == "search") found = in_words(rig.search(uid, start, end)) + ";";
-    if (verb == "list") found = in_words(rig.list(uid, start, end)) + ";";
-    if (verb == "age") let_the_result_be_old(rig, uid);
-  });
-  if (rig.trace.lines().empty()) {
-    if (verb != "age") rig.play(text);
-    return "   " + text;
-  }
-  return fmt::format(
-      "{} ={}{} {} ms, result {}, notification {}, status {}{}\n     asked {}; slots {}; records{}",
-      text, found, found.empty() ? fmt::format(" {};", result) : "", ms, rig.result(),
-      rig.notification(), rig.status(), told(rig), fmt::join(rig.asked(), " "),
-      fmt::join(rig.slots(), " "), in_words(rig.stored()));
-}
-
-// Two users; the thumb of the second lies in two slots, and one template has no feature.
-void two_users(Rig& rig) {
-  rig.device.memory().templates = {
-      {20, "left"}, {21, "thumb"}, {22, "right"}, {23, "thumb"}, {24, "nobody"}};
-  rig.store({kOther, 3, {23}});
-  rig.store({kOther, 1, {21}});
-  rig.store({Rig::kUser, 0, {20}});
-  rig.store({Rig::kUser, 7, {39, 22}});
-}
-// The module finds the first and the last of their features, in one user's record each.
-template <PowerUpOutcome outcome>
-void powered_up(Rig& rig) {
-  two_users(rig);
-  rig.device.settings().power_up = {
-      .outcome = outcome, .slots = {21, 22}, .form = wrx_module::ResultForm::list};
-}
-void stocked(Rig& rig) {
-  rig.device.memory().templates = {{3, "a"}, {7, "b"}, {21, "c"}, {22, "d"}, {23, "e"}};
-  rig.store({Rig::kUser, 0, {3, 7}});
-  rig.store({Rig::kUser, 1, {21}});
-  rig.store({Rig::kUser, 4, {22}});
-  rig.store({kOther, 1, {23}});
-  rig.store({3000, 0, {}});
-}
-void one_finger(Rig& rig) {
-  rig.store({Rig::kUser, 0, {20}});
-  rig.device.memory().templates[20] = "f0";
-}
-void occupy(Rig& rig, const std::vector<uint16_t>& slots) {
-  for (const uint16_t slot : slots)
-    rig.device.memory().templates[slot] = "f" + std::to_string(slot);
-}
-void one_slot_left(Rig& rig) {
-  for (uint16_t slot = 20; slot < 39; ++slot) {
-    rig.store({kOther + slot / 30, slot % 10, {slot}});
-    occupy(rig, {slot});
-  }
-}
-// Of one user a record with slots that are none of the page.
-void abandoned(Rig& rig) {
-  occupy(rig, {0, 5, 19, 20, 25, 39, 40, 45, 255});
-  rig.store({kOther, 0, {25}});
-  rig.store({kOther, 1, {-1, 256 + 39}});
-}
-void damaged_database(Rig& rig) {
-  occupy(rig, {20, 21, 22});
-  rig.write_file("feature.db", std::string(4096, 'x'));
-}
-// A limit that is smaller than the one the driver took at its start.
-void small_limit(Rig& rig) {
-  rig.ready();
-  bio_host_set_ops_timeout_ms(300);
-}
-
-struct Scene {
-  const char* headline;
-  void (*arrange)(Rig&);
-  std::vector<const char*> steps;
+struct Row {
+  const char* what;
+  Batch batch;
+  const char* script;
+  void (*call)(Rig&);
+  int64_t at_once_ms;
+  int64_t times_out_ms;
 };
 
-const Scene kScenes[] = {
-    {"verify is about one feature of one user",
-     two_users,
-     {"press left", "verify 1000 0", "press right", "verify 1000 7", "press thumb", "verify 2000 3",
-      "press left", "verify 1000 7", "press left", "verify 2000 1", "press left", "verify 1000 5",
-      "press stranger", "verify 1000 0", "press nobody", "verify 1000 0"}},
-    // The module's match stands although the selection holds no such feature.
-    {"identify names the user of the first stored match",
-     two_users,
-     {"press left", "identify -1 0 -1", "press thumb", "identify -1 0 -1", "press thumb",
-      "identify 2000 2 5", "press thumb", "identify 2000 4 9", "press left", "identify 2000 0 -1",
-      "press nobody", "identify -1 0 -1", "press stranger", "identify -1 0 -1"}},
-    {"identify waits longer than any limit",
-     two_users,
-     {"at 100s; press left", "identify -1 0 -1"}},
-    // A verify neither uses the result nor drops it; the first identify does.
-    {"power-up result, young",
-     powered_up<PowerUpOutcome::match>,
-     {"press left", "verify 1000 0", "age 14999", "press thumb x2", "identify -1 0 -1",
-      "identify -1 0 -1"}},
-    {"power-up result, old",
-     powered_up<PowerUpOutcome::match>,
-     {"press left", "verify 1000 0", "age 15000", "press thumb x2", "identify -1 0 -1",
-      "identify -1 0 -1"}},
-    {"power-up result without a match", powered_up<PowerUpOutcome::no_match>, {"identify -1 0 -1"}},
-    {"search gives all matches in stored order",
-     two_users,
-     {"press thumb x3; press left; press stranger", "search -1 0 -1", "search 2000 2 -1",
-      "search 1000 0 -1", "search 1000 0 0", "search -1 0 -1"}},
-    {"clean", stocked, {"clean 1000 2 3", "clean 4000 0 -1", "clean 3000 0 -1", "clean 1000 0 1"}},
-    // The second exchange of feature 0, then the first of feature 1.
-    {"clean, refused",
-     stocked,
-     {"at 10ms; refuse 12 27 x1", "clean 1000 0 -1", "at 30ms; refuse 12 27 x1", "clean 1000 0 -1",
-      "clean 1000 0 -1"}},
-    // A record is removed for all users that are asked for, whoever's template was erased.
-    {"clean of all users, refused", stocked, {"at 10ms; refuse 12 27 x1", "clean -1 1 1"}},
-    {"list", stocked, {"list 1000 1 -1", "list -1 0 -1", "list 1000 2 3"}},
-    {"enrolment of a known finger, until it is lifted",
-     one_finger,
-     {"press other x13; at 0ms; press f0; at 230ms; lift", "enroll 1000 1 finger"}},
-    {"of a finger that only another user has", one_finger, {"press f0 x13", "enroll 2000 0 f"}},
-    {"into the last slot", one_slot_left, {"press x13", "enroll 1000 0 finger"}},
-    // The check times out after 5 s, then the wait for a second press.
-    {"with a check for duplicates that fails",
-     [](Rig&) {},
-     {"refuse 50 27 x1; press x12", "enroll 1000 0 finger",
-      "at 5500ms; press late; at 5600ms; lift", "enroll 1000 1 finger"}},
-    {"with abandoned templates", abandoned, {"press x13", "enroll 1000 0 finger"}},
-    {"with one that cannot be erased",
-     [](Rig& rig) {
-       occupy(rig, {21, 22, 23});
-     },
-     {"refuse 12 27 x1; press x13", "enroll 1000 0 finger"}},
-    // Nothing is erased, and nobody presses a second time.
-    {"with a database that cannot be opened", damaged_database, {"press", "enroll 1000 3 finger"}},
-    // The handle is still held: an unanswered send, and a time-out.
-    {"unplugged", small_limit, {"press; at 200ms; unplug", "enroll 1000 0 finger"}},
+constexpr Batch kReport = Batch::one_report, kStep = Batch::one_step;
+constexpr auto verify = [](Rig& rig) { rig.verify(); };
+constexpr auto identify = [](Rig& rig) { rig.identify(); };
+constexpr auto search = [](Rig& rig) { rig.search(); };
+constexpr auto enroll = [](Rig& rig) { rig.enroll(); };
+constexpr auto start = [](Rig& rig) { rig.start(); };
+constexpr auto clean = [](Rig& rig) {
+  rig.store({Rig::kUser, 0, {20, 21}});
+  rig.store({Rig::kUser, 1, {22}});
+  rig.clean();
+};
+constexpr auto cancel = [](Rig&) { fp_cancel(); };
+constexpr auto erase = [](Rig&) { fp_delete_template(20, 1); };
+constexpr auto index_table = [](Rig&) { fp_read_index_table(0); };
+
+constexpr Row kRows[] = {
+    {"exchange", kReport, "", erase, 20, 20},
+    {"cancel", kReport, "", cancel, 20, 20 + 1000},
+    // wait + 5 attempts, the pause after the last one included; the module answers too late.
+    {"unanswered exchange", kReport, "set response-delay 3600s", erase, 20 + 5 * 20,
+     20 + 5 * (1000 + 20)},
+    {"unanswered index table", kReport, "set response-delay 3600s", index_table, 20 + 10 * 20,
+     20 + 10 * (1000 + 20)},
+    // drain + start + cancel; one pass more when the capture is reported by itself.
+    {"verify", kStep, "press", verify, 0 + 20 + 20, 1000 + 20 + 1020},
+    {"verify with a capture report", kReport, "press", verify, 20 + 20 + 20, 1000 + 20 + 20 + 1020},
+    {"search", kStep, "press", search, 20 + 20, 1000 + 20 + 1020},
+    {"identify", kStep, "press", identify, 20 + 20, 20 + 1020},
+    // drain, index table, start and end of the duplicate check, index table, start, presses,
+    // cancel.
+    {"enrolment, a press a read", kStep, "press x13", enroll, 20 + 40 + 20 + 20 + 0 + 20,
+     1000 + 20 + 1040 + 20 + 20 + 0 + 1020},
+    // Three reads a press and three at the end, a pause of 30 between those of a press; one more
+    // pass of 20 in the duplicate check.
+    {"enrolment, a report a read", kReport, "press x13", enroll, 20 + 60 + 40 + 12 * 60 + 60 + 20,
+     1000 + 20 + 1060 + 40 + 12 * 60 + 60 + 1020},
+    // The limit of 5000 has passed after 251 pauses of 20 (5 passes of 1020); it is tested before
+    // the read.
+    {"verify without a finger", kReport, "", verify, 20 + 251 * 20 + 20,
+     1000 + 20 + 5 * 1020 + 1020},
+    // 167 pauses of 30 (4 passes of 1030 and the fifth read): here it is tested after the read.
+    {"enrolment without a finger", kReport, "press", enroll, 20 + 60 + 40 + 167 * 30 + 20,
+     1000 + 20 + 1060 + 40 + 4 * 1030 + 1000 + 1020},
+    {"refusal at a full library", kStep, "press; refuse 49 31", enroll,
+     20 + 40 + 20 + 20 + 2000 + 20, 1000 + 20 + 1040 + 20 + 20 + 2000 + 1020},
+    // drain, start, 5 polls, cancel, version and the pause behind it.
+    {"start", kReport, "", start, 20 + 5 * 20 + 20 + 20 + 20,
+     1000 + 20 + 5 * 1020 + 1020 + 20 + 20},
+    {"clean of three templates", kReport, "", clean, 3 * 20, 3 * 20},
+    {"open and close", kReport, "", [](Rig& rig) { rig.close(), rig.open(); }, 0, 0},
 };
 
-TEST(Operations, InAllTheirOutcomes) {
-  std::vector<std::string> lines;
-  for (const Scene& scene : kScenes) {
-    Rig rig;
-    scene.arrange(rig);
-    if (rig.dev.device_name == nullptr) rig.ready();
-    lines.push_back(std::string("== ") + scene.headline);
-    for (const char* text : scene.steps) {
-      std::istringstream outcome(step(rig, text));
-      for (std::string line; std::getline(outcome, line);)
-        lines.push_back(line);
+TEST(Waits, OfEveryOperationAddUp) {
+  for (const EmptyRead empty : {EmptyRead::answers_empty, EmptyRead::times_out}) {
+    for (const Row& row : kRows) {
+      SCOPED_TRACE(row.what);
+      wrx_module::Settings settings;
+      settings.link = {.empty_read = empty, .batch = row.batch};
+      Rig rig(settings);
+      rig.ready();
+      rig.play(row.script);
+      const bool at_once = empty == EmptyRead::answers_empty;
+      EXPECT_EQ(rig.time_of([&] { row.call(rig); }), at_once ? row.at_once_ms : row.times_out_ms);
     }
   }
-  EXPECT_EQ(golden_difference("operations", without_repeats(lines)), "");
+}
+
+TEST(Waits, TheModulesOwnTimeEndsWithThePassThatSeesIt) {
+  wrx_module::Settings settings = Rig::instant();
+  settings.link.batch = kStep;
+  settings.procedure.search_us = 333'000;  // from the start's 20 on: passes at 20, 40 … 340
+  Rig rig(settings);
+  rig.ready();
+  rig.play("press");
+  EXPECT_EQ(rig.time_of([&] { rig.verify(); }), 340 + 20);
+}
+
+TEST(Stop, OfAnIdleDeviceTouchesNothing) {
+  Rig rig;
+  rig.ready();
+  EXPECT_EQ(rig.time_of([&] { EXPECT_EQ(rig.dev.ops_stop_by_user(&rig.dev, 3000), 0); }), 0);
+  EXPECT_EQ(rig.info().ctrlFlag, kStopIdle);
+  EXPECT_EQ(fp_get_ctrlFlag(), FP_CONTROL_FLAG_IDLE);
+}
+
+TEST(Stop, WaitsTenMillisecondsAPassUpToItsLimitOrAnAnswer) {
+  const struct {
+    int waiting_ms, answer, waited_ms;  // the answer comes at 45 ms; kStopRequested: none
+  } rows[] = {{5000, kStopRequested, 3000}, {95, kStopRequested, 100},     {0, kStopRequested, 0},
+              {3000, kStopIdle, 50},        {3000, kStopAcknowledged, 50}, {3000, kStopEnded, 50}};
+  for (const auto& row : rows) {
+    Rig rig;
+    rig.ready();
+    bio_set_dev_status(&rig.dev, DEVS_CLEAN_DOING);  // busy with what looks for no stop
+    if (row.answer != kStopRequested)
+      rig.clock.at(rig.clock.now_us() + 45'000, [&] { rig.info().ctrlFlag = row.answer; });
+    EXPECT_EQ(rig.time_of([&] { rig.dev.ops_stop_by_user(&rig.dev, row.waiting_ms); }),
+              row.waited_ms);
+    EXPECT_EQ(rig.trace.saw("wrx7700_ops_stop_by_user] end."), row.answer == kStopRequested);
+    rig.close();
+    EXPECT_EQ(rig.info().ctrlFlag, kStopIdle);
+    rig.open();
+    EXPECT_EQ(fp_get_ctrlFlag(), FP_CONTROL_FLAG_IDLE);
+  }
+}
+
+// In real time, with nothing virtual between the two threads: for the sanitizers.
+TEST(Stop, FromAThreadOfItsOwnInRealTime) {
+  wrx_module::RealClock real;
+  wrx_module::Device module(real, Rig::instant());
+  Rig rig;
+  rig.clock.retire();
+  wrx_module::bus().detach(rig.device);
+  wrx_module::bus().set_clock(real);
+  wrx_module::bus().attach(module);
+  rig.ready();
+  for (int round = 0; round < 3; ++round) {
+    std::thread user([&] {
+      while (rig.status() != DEVS_VERIFY_DOING)
+        usleep(1000);
+      usleep(30'000);
+      rig.dev.ops_stop_by_user(&rig.dev, 3000);
+    });
+    EXPECT_EQ(rig.verify(), -1);
+    user.join();
+    EXPECT_EQ(rig.result(), OPS_COMM_STOP_BY_USER);
+    EXPECT_EQ(rig.info().ctrlFlag, kStopAcknowledged);
+  }
+}
+
+TEST(Waits, AreNotCutShortByTheHostsSignals) {
+  signal(SIGALRM, [](int) {});
+  const itimerval often = {{0, 2000}, {0, 2000}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  const int64_t start_us = wrx::monotonic_us();
+  wrx::pause_ms(30);
+  EXPECT_GE(wrx::monotonic_us() - start_us, 30'000);
 }
 
 TEST(Enrolment, NeedsNoName) {
@@ -243,9 +202,9 @@ TEST(Procedures, ElapsedTimeIsCutTowardsZero) {
     int32_t ms;
   } rows[] = {{0, 999, 0}, {999'999, 1001, 1}, {1, 14'999'999, 14'999}, {2'000'000, -999, 0}};
   for (const auto& row : rows) {
-    const int64_t start = clock.now_us() + row.start_us - std::min<int64_t>(row.passed_us, 0);
-    struct timeval tv = {VirtualClock::kEpoch + start / 1'000'000, start % 1'000'000};
-    clock.sleep_us(start + row.passed_us - clock.now_us());
+    const int64_t at_us = clock.now_us() + row.start_us - std::min<int64_t>(row.passed_us, 0);
+    struct timeval tv = {VirtualClock::kEpoch + at_us / 1'000'000, at_us % 1'000'000};
+    clock.sleep_us(at_us + row.passed_us - clock.now_us());
     EXPECT_EQ(fp_get_increment_of_time_ms(&tv), row.ms);
   }
 }

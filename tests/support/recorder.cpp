@@ -173,6 +173,7 @@ std::pair<size_t, int64_t> repeated(std::span<const TimedLine> then,
   for (; count < std::min(then.size(), now.size()); ++count) {
     const TimedLine &one = then[count], &other = now[count];
     if (one.text != other.text || one.ms.has_value() != other.ms.has_value()) break;
+    if (one.text.starts_with("> ")) break;
     if (one.ms && later_ms.value_or(*other.ms - *one.ms) != *other.ms - *one.ms) break;
     if (one.ms) later_ms = *other.ms - *one.ms;
   }
@@ -207,18 +208,29 @@ std::vector<std::string> without_repeats(const std::vector<std::string>& lines) 
   return result;
 }
 
+namespace {
+std::string golden_path(const std::string& name) {
+  return fmt::format(WRX_GOLDEN_DIR "/{}.txt", name);
+}
+}  // namespace
+
+std::vector<std::string> golden_lines(const std::string& name) {
+  std::vector<std::string> lines;
+  std::ifstream in(golden_path(name));
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
 std::string golden_difference(const std::string& name, std::vector<std::string> lines) {
-  const std::string path = fmt::format(WRX_GOLDEN_DIR "/{}.txt", name);
+  const std::string path = golden_path(name);
   if (std::getenv("WRX_UPDATE_GOLDEN") != nullptr) {
     std::ofstream out(path);
     for (const std::string& line : lines)
       out << line << '\n';
     return out ? "" : "cannot write " + path;
   }
-  std::vector<std::string> expected;
-  std::ifstream in(path);
-  for (std::string line; std::getline(in, line);)
-    expected.push_back(line);
+  std::vector<std::string> expected = golden_lines(name);
   if (std::endian::native == std::endian::big) {
     // Records are shown as they lie in memory, and the files come from the other kind of machine.
     for (std::vector<std::string>* side : {&lines, &expected})

@@ -64,10 +64,12 @@ struct Unrecorded {
 std::string quoted(const char* text);
 
 /// The trace without the passages that it has shown already, but for a shift in time: a line names
-/// the lines of the result that each of them repeats.
+/// the lines of the result that each of them repeats. A step of a scene ("> ") stays.
 std::vector<std::string> without_repeats(const std::vector<std::string>& lines);
 
-/// Compares with tests/golden/<name>.txt; returns an explanation of the first difference, or
+/// The lines of tests/golden/<name>.txt.
+std::vector<std::string> golden_lines(const std::string& name);
+/// Compares with that file; returns an explanation of the first difference, or
 /// nothing. With WRX_UPDATE_GOLDEN set, the file is written anew instead.
 std::string golden_difference(const std::string& name, std::vector<std::string> lines);
 
