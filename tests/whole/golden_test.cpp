@@ -182,17 +182,18 @@ class Scene {
       {"fingers", [this](Words& words) { fingers(words); }},
       {"powered-up", [this](Words& words) { powered_up(words); }},
       {"damage", [this](Words&) { rig_.write_file("feature.db", std::string(4096, 'x')); }},
+      {"held-result", with_number([](int flag) { set_onekey_powerup_flag(flag != 0); })},
       {"limit", with_number([](int ms) { bio_host_set_ops_timeout_ms(ms); })},
   };
   const std::map<std::string, std::function<void(Words&)>> moments_ = {
       {"started", [](Words&) {}},
+      {"started-again", [this](Words&) { rig_.close(), rig_.driver_init(), rig_.open(); }},
       {"age", with_number([this](int ms) { age(ms); })},
       {"stop-after", with_number([this](int ms) { rig_.stop_at(ms); })},
       {"short-stop-after", with_number([this](int ms) { rig_.stop_at(ms, 50); })},
       {"refuse-late", with_number([this](int ms) { refuse_late(ms); })},
       {"lose-handle-at", with_number([this](int transfer) { rig_.lose_handle_at(transfer); })},
       {"stop-flag", with_number([](int flag) { fp_set_ctrlFlag(flag); })},
-      {"held-result", with_number([](int flag) { set_onekey_powerup_flag(flag != 0); })},
   };
 
   const bool traced_;
