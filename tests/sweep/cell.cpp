@@ -128,7 +128,9 @@ void World::set_rescue() {
   const auto strikes = cell_.strikes();
   const int64_t read_ms = cell_.setting.empty == EmptyRead::times_out ? kReadLimitMs : 0;
   const int64_t finger_ms = cell_.setting.stop ? 0 : kFingerMs;
-  bound_ms_ = family.bound_ms(read_ms, finger_ms) + kFaultMs * static_cast<int64_t>(strikes.size());
+  const Waits& bound = family.bound;
+  bound_ms_ = bound.ms + bound.reads * read_ms + bound.fingers * finger_ms +
+              kFaultMs * static_cast<int64_t>(strikes.size());
   endless_ = std::ranges::any_of(
       strikes, [](const Strike& s) { return s.fault->name == "never" && unlimited(s.role); });
   if (endless_) rig.play("at " + std::to_string(bound_ms_) + "ms; unplug");

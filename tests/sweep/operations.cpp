@@ -15,61 +15,38 @@ namespace {
 using wrx_module::Settings;
 using wrx_test::Rig;
 
-// ---- time: sums of the waits, all in milliseconds. `read` is what a read without an answer takes,
-// `finger` how long a finger is waited for.
+// ---- time: sums of the waits
 
-constexpr int64_t kReadingPause = 2000;
-
+constexpr Waits operator+(const Waits& one, const Waits& other) {
+  return {one.ms + other.ms, one.reads + other.reads, one.fingers + other.fingers};
+}
+constexpr Waits operator*(int64_t times, const Waits& waits) {
+  return {times * waits.ms, times * waits.reads, times * waits.fingers};
+}
 // An exchange whose answer never comes: a first wait, then attempts with a pause behind each.
-constexpr int64_t exchange(int64_t read, int64_t wait, int64_t attempts, int64_t pause) {
-  return wait + attempts * (read + pause);
+constexpr Waits exchange(int64_t wait, int64_t attempts, int64_t pause) {
+  return {wait + attempts * pause, attempts};
 }
-constexpr int64_t drain(int64_t read) {
-  return read;
-}  // the first read that fails ends it
-constexpr int64_t cancel(int64_t read) {
-  return exchange(read, 20, 5, 20) + drain(read);
-}
-constexpr int64_t identification(int64_t read, int64_t finger) {
-  return exchange(read, 20, 3, 20) + finger + read + 20 + cancel(read);
-}
-constexpr int64_t matching(int64_t read, int64_t finger) {
-  return drain(read) + identification(read, finger);
-}
-constexpr int64_t presses(int64_t read, int64_t finger) {
-  constexpr int64_t kReports = 13 * 3 + 3;
-  return kReports * 30 + finger + read + 30 + cancel(read);
-}
-constexpr int64_t enrolment(int64_t read, int64_t finger) {
-  return matching(read, finger) + 2 * exchange(read, 20, 10, 20) + exchange(read, 20, 3, 20) +
-         presses(read, finger) + kReadingPause;
-}
+constexpr Waits kDrain = {0, 1};  // the first read that fails ends it
+constexpr Waits kCancel = exchange(20, 5, 20) + kDrain;
+constexpr Waits kFinger = {20, 1, 1};
+constexpr Waits kIdentifying = exchange(20, 3, 20) + kFinger + kCancel;
+constexpr Waits kMatching = kDrain + kIdentifying;
+constexpr Waits kReports = {(13 * 3 + 3) * 30};
+constexpr Waits kPresses = kReports + Waits{30, 1, 1} + kCancel;
+constexpr Waits kReadingPause = {2000};
+constexpr Waits kEnrolling =
+    kMatching + 2 * exchange(20, 10, 20) + exchange(20, 3, 20) + kPresses + kReadingPause;
 // One template to erase before, one press of a finger that the user has.
-constexpr int64_t long_enrolment(int64_t read, int64_t finger) {
-  return exchange(read, 20, 5, 20) + identification(read, finger) + enrolment(read, finger);
-}
-constexpr int64_t cleaning(int64_t read, int64_t) {
-  return 2 * exchange(read, 20, 5, 20);
-}
-constexpr int64_t starting(int64_t read, int64_t) {
-  const int64_t powerup = drain(read) + exchange(read, 20, 3, 20) + 5 * (read + 20) + cancel(read);
-  return powerup + exchange(read, 20, 10, 20) + 5 * (read + 20);
-}
-// Ten attempts, a second apart, each of which may have to restart the module first.
-constexpr int64_t upgrading(int64_t read, int64_t) {
-  constexpr int64_t kFrames = 8, kFramePauses = 4;
-  const int64_t restart = exchange(read, 70, 1, 0) + 1000;
-  return starting(read, 0) + restart + 10 * (restart + kFrames * kFramePauses + 1000) + 1000;
-}
-constexpr int64_t recovering(int64_t, int64_t) {
-  return 8 * 4 + 1000;
-}
-constexpr int64_t command(int64_t read, int64_t) {
-  return exchange(read, 100, 10, 20) + cancel(read);
-}
-constexpr int64_t nothing(int64_t, int64_t) {
-  return 0;
-}
+constexpr Waits kLongEnrolling = exchange(20, 5, 20) + kIdentifying + kEnrolling;
+constexpr Waits kCleaning = 2 * exchange(20, 5, 20);
+constexpr Waits kPowerUp = kDrain + exchange(20, 3, 20) + Waits{5 * 20, 5} + kCancel;
+constexpr Waits kStarting = kPowerUp + exchange(20, 10, 20) + Waits{5 * 20, 5};
+// Ten attempts, a second apart, each of which may have to restart the module first. A rewrite is
+// eight frames with a pause of four behind each.
+constexpr Waits kRestart = exchange(70, 1, 0) + Waits{1000}, kRewrite = {8 * 4 + 1000};
+constexpr Waits kUpgrading = kStarting + kRestart + 10 * (kRestart + kRewrite) + Waits{1000};
+constexpr Waits kCommand = exchange(100, 10, 20) + kCancel;
 
 // ---- words
 
@@ -86,23 +63,22 @@ constexpr Words kList[] = {{800, 100}};  // no notification of its own: that of 
 
 // Transfers that may still follow a stop which a report overtook: of the read in progress, of the
 // exchange before it, of the cancel.
-constexpr int kCancel = 3 * (1 + 5 + 3), kToEnd = 3 + kCancel,
-              kWhole = 3 * 5 + 3 * (1 + 3) + kToEnd;
+constexpr int kToEnd = 3 + 3 * (1 + 5 + 3), kWhole = 3 * 5 + 3 * (1 + 3) + kToEnd;
 
-constexpr Family kStarts = {kUntouched, Stop::unheard, starting, 0};
-constexpr Family kUpgrades = {kUntouched, Stop::unheard, upgrading, 0};
-constexpr Family kRecoveries = {kUntouched, Stop::unheard, recovering, 0};
-constexpr Family kDiscoveries = {kUntouched, Stop::unheard, nothing, 0};
-constexpr Family kOpenings = {kMayOpen, Stop::unheard, nothing, 0};
-constexpr Family kEnrolments = {kEnroll, Stop::ends, enrolment, kToEnd};
-constexpr Family kLongEnrolments = {kEnroll, Stop::ends, long_enrolment, kToEnd};
-constexpr Family kVerifications = {kVerify, Stop::ends, matching, kWhole};
-constexpr Family kIdentifications = {kIdentify, Stop::only_end, matching, kWhole};
-constexpr Family kHeldResults = {kIdentify, Stop::ends, matching, kWhole};
-constexpr Family kSearches = {kSearch, Stop::ends, matching, kWhole};
-constexpr Family kCleanings = {kClean, Stop::unheard, cleaning, 0};
-constexpr Family kLists = {kList, Stop::unheard, nothing, 0};
-constexpr Family kCommands = {kOpened, Stop::unheard, command, 0};
+constexpr Family kStarts = {kUntouched, Stop::unheard, kStarting};
+constexpr Family kUpgrades = {kUntouched, Stop::unheard, kUpgrading};
+constexpr Family kRecoveries = {kUntouched, Stop::unheard, kRewrite};
+constexpr Family kDiscoveries = {kUntouched, Stop::unheard, {}};
+constexpr Family kOpenings = {kMayOpen, Stop::unheard, {}};
+constexpr Family kEnrolments = {kEnroll, Stop::ends, kEnrolling, kToEnd};
+constexpr Family kLongEnrolments = {kEnroll, Stop::ends, kLongEnrolling, kToEnd};
+constexpr Family kVerifications = {kVerify, Stop::ends, kMatching, kWhole};
+constexpr Family kIdentifications = {kIdentify, Stop::only_end, kMatching, kWhole};
+constexpr Family kHeldResults = {kIdentify, Stop::ends, kMatching, kWhole};
+constexpr Family kSearches = {kSearch, Stop::ends, kMatching, kWhole};
+constexpr Family kCleanings = {kClean, Stop::unheard, kCleaning};
+constexpr Family kLists = {kList, Stop::unheard, {}};
+constexpr Family kCommands = {kOpened, Stop::unheard, kCommand};
 
 // ---- worlds
 

@@ -23,15 +23,18 @@ enum class Stop {
 /// A pair of result and notification.
 using Words = std::pair<int, int>;
 
+/// What waits add up to: milliseconds, reads without an answer, and waits for a finger.
+struct Waits {
+  int64_t ms = 0, reads = 0, fingers = 0;
+};
+
 /// What operations of a kind have in common.
 struct Family {
   std::span<const Words> words;  ///< that it may end with
   Stop stop;
-  /// Milliseconds that its waits add up to when a read without an answer takes `read_ms` and a
-  /// finger is waited for `finger_ms`.
-  int64_t (*bound_ms)(int64_t read_ms, int64_t finger_ms);
+  Waits bound;
   /// Transfers that may still follow a stop which a report overtakes.
-  int transfers_to_end;
+  int transfers_to_end = 0;
 };
 
 /// What an operation leaves that the next ones must know.
