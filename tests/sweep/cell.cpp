@@ -2,6 +2,8 @@
 // Running a cell and judging it.
 #include "sweep/cell.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <map>
 #include <set>
@@ -34,8 +36,7 @@ wrx_module::Settings module_of(const Cell& cell) {
 }
 
 std::string words_text(const Words& words) {
-  return "result " + std::to_string(words.first) + " with notification " +
-         std::to_string(words.second);
+  return fmt::format("result {} with notification {}", words.first, words.second);
 }
 
 /// What the driver prints is dropped, unless somebody wants the trace.
@@ -153,8 +154,7 @@ void World::judge_bound() {
   if (outcome.ms < bound_ms_ || (outcome.ms == bound_ms_ && !endless_)) return;
   const bool only_stop = cell_.operation->family.stop == Stop::only_end;
   const bool stopped = only_stop && outcome.words.first == OPS_COMM_STOP_BY_USER;
-  std::string what =
-      std::to_string(outcome.ms) + " ms, its waits allow " + std::to_string(bound_ms_);
+  std::string what = fmt::format("{} ms, its waits allow {}", outcome.ms, bound_ms_);
   if (endless_ && outcome.ms <= bound_ms_ * (only_stop ? 3 : 2)) what = "ended by the unplug";
   if (!endless_ && stopped && outcome.ms <= bound_ms_ * 2) what = "ended by a stop";
   fail(Check::bound, what);
@@ -175,7 +175,7 @@ void World::judge_strikes() {
 }
 
 void World::judge_end() {
-  if (rig.status() != DEVS_COMM_IDLE) fail(Check::status, "status " + std::to_string(rig.status()));
+  if (rig.status() != DEVS_COMM_IDLE) fail(Check::status, fmt::format("status {}", rig.status()));
   const auto& allowed = cell_.operation->family.words;
   if (std::ranges::find(allowed, outcome.words) == allowed.end())
     fail(Check::words, words_text(outcome.words));
@@ -222,9 +222,8 @@ void World::judge_slots() {
   for (const Stored& record : stored_by(rig)) {
     const int slot = record.slots.empty() ? -1 : record.slots.front();
     const auto found = templates.find(static_cast<uint16_t>(slot));
-    std::string what =
-        "record " + std::to_string(record.index) + " and slot " + std::to_string(slot);
-    outcome.state += "; " + std::to_string(record.index) + " in " + std::to_string(slot);
+    std::string what = fmt::format("record {} and slot {}", record.index, slot);
+    outcome.state += fmt::format("; {} in {}", record.index, slot);
     const bool own = record.uid == Rig::kUser;
     if (found == templates.end()) {
       what += ": empty, ";

@@ -2,6 +2,8 @@
 // Listing the cells.
 #include "sweep/space.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <sstream>
 
@@ -47,9 +49,9 @@ std::string coordinates(const Cell& cell) {
     kinds += plus + std::string(strike.fault->name);
   }
   const Setting& setting = cell.setting;
-  return std::string(cell.operation->name) + ":" + transfers + ":" + kinds +
-         (setting.empty == EmptyRead::times_out ? ":wait," : ":once,") +
-         std::to_string(setting.packet) + (setting.stop ? ",stop" : "");
+  return fmt::format("{}:{}:{}:{},{}{}", cell.operation->name, transfers, kinds,
+                     setting.empty == EmptyRead::times_out ? "wait" : "once", setting.packet,
+                     setting.stop ? ",stop" : "");
 }
 
 std::optional<Cell> cell_named(const std::string& text) {

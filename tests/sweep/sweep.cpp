@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
@@ -26,15 +28,10 @@ namespace {
 using wrx_module::EmptyRead;
 
 constexpr unsigned kCellSeconds = 60;
-char running[256];  // what a crash is blamed on
+char blame[256];  // said when a cell crashes
 
 void say_where(int signal) {
-  const char text[] = "\nthe program ended in the cell ";
-  if (write(STDERR_FILENO, text, sizeof text - 1) < 0 ||
-      write(STDERR_FILENO, running, std::strlen(running)) < 0 ||
-      write(STDERR_FILENO, "\n", 1) < 0) {
-    _exit(2);
-  }
+  if (write(STDERR_FILENO, blame, std::strlen(blame)) < 0) _exit(2);
   ::signal(signal, SIG_DFL);
   raise(signal);
 }
@@ -56,28 +53,27 @@ struct Totals {
 };
 
 void judge(const Cell& cell, const Outcome& outcome, Totals& totals) {
-  bool failed = false;
   std::set<size_t> excuses;
   std::string lines;
   for (const Failure& failure : outcome.failures) {
     if (const Expectation* row = expected(cell, failure)) {
       excuses.insert(static_cast<size_t>(row - expectations().data()));
-      continue;
+    } else {
+      lines += fmt::format("FAIL {}  {}: {}\n", coordinates(cell), check_name(failure.check),
+                           failure.what);
     }
-    failed = true;
-    lines += "FAIL " + coordinates(cell) + "  " + std::string(check_name(failure.check)) + ": " +
-             failure.what + "\n";
   }
   std::cout << lines << std::flush;
   ++totals.tried;
-  ++(failed ? totals.failed : totals.passed);
+  ++(lines.empty() ? totals.passed : totals.failed);
   for (const size_t row : excuses)
     ++totals.rows[row];
-  if (!failed && !excuses.empty()) ++totals.expected;
+  if (lines.empty() && !excuses.empty()) ++totals.expected;
 }
 
 Outcome run_guarded(const Cell& cell, bool traced) {
-  std::snprintf(running, sizeof running, "%s", coordinates(cell).c_str());
+  std::snprintf(blame, sizeof blame, "\nthe program ended in the cell %s\n",
+                coordinates(cell).c_str());
   alarm(kCellSeconds);
   Outcome outcome = run(cell, traced);
   alarm(0);
@@ -93,7 +89,7 @@ bool work(const Cells& cells, Totals& totals) {
 
 // The same by so many processes; each has a driver of its own.
 bool work_together(const Cells& cells, Totals& totals, unsigned jobs) {
-  std::cout << std::flush;
+  std::fflush(stdout);
   for (unsigned i = 0; i < jobs; ++i) {
     if (fork() == 0) std::exit(work(cells, totals) ? 0 : 1);
   }
@@ -105,17 +101,18 @@ bool work_together(const Cells& cells, Totals& totals, unsigned jobs) {
 
 int sweep_cells(const Cells& cells, unsigned jobs) {
   Totals& totals = Totals::shared();
-  std::cout << cells.size() << " cells\n";
+  fmt::print("{} cells\n", cells.size());
   const auto begun = std::chrono::steady_clock::now();
   const bool sound = work_together(cells, totals, jobs);
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
-  for (size_t i = 0; i < expectations().size(); ++i) {
-    std::cout << "expected " << totals.rows[i] << "  " << expectations()[i].reason << "\n";
-  }
-  std::cout << totals.tried << " of " << cells.size() << " cells tried, "
-            << static_cast<int64_t>(static_cast<double>(totals.tried) / took.count())
-            << " a second, " << totals.expected << " ended as their exception says\n"
-            << totals.passed << " passed, " << totals.failed << " failed\n";
+  for (size_t i = 0; i < expectations().size(); ++i)
+    fmt::print("expected {}  {}\n", totals.rows[i].load(), expectations()[i].reason);
+  const size_t tried = totals.tried;
+  fmt::print(
+      "{} of {} cells tried, {:.0f} a second, {} ended as their exception says\n"
+      "{} passed, {} failed\n",
+      tried, cells.size(), static_cast<double>(tried) / took.count(), totals.expected.load(),
+      totals.passed.load(), totals.failed.load());
   return sound && totals.failed == 0 && totals.tried == cells.size() ? 0 : 1;
 }
 
@@ -126,14 +123,13 @@ int replay(const std::string& name) {
     return 2;
   }
   const Outcome outcome = run_guarded(*cell, true);
-  for (const std::string& line : outcome.trace)
-    std::cout << line << "\n";
-  std::cout << coordinates(*cell) << ": returned " << outcome.returned << " after " << outcome.ms
-            << " ms, result " << outcome.words.first << ", notification " << outcome.words.second
-            << ", " << outcome.state << "\n";
+  fmt::print("{}\n{}: returned {} after {} ms, result {}, notification {}, {}\n",
+             fmt::join(outcome.trace, "\n"), coordinates(*cell), outcome.returned, outcome.ms,
+             outcome.words.first, outcome.words.second, outcome.state);
+  std::fflush(stdout);
   Totals totals;
   judge(*cell, outcome, totals);
-  std::cout << totals.passed << " passed, " << totals.failed << " failed\n";
+  fmt::print("{} passed, {} failed\n", totals.passed.load(), totals.failed.load());
   return totals.failed == 0 ? 0 : 1;
 }
 
