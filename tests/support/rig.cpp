@@ -265,9 +265,11 @@ void Rig::close() {
 }
 
 int Rig::enroll(int uid, int index, const char* name) {
-  std::string finger = name;
-  return step(fmt::format("ops_enroll {} {} {}", uid, index, finger),
-              [&] { return dev.ops_enroll(&dev, ACTION_START, uid, index, finger.data()); });
+  std::string finger = name != nullptr ? name : "";
+  return step(fmt::format("ops_enroll {} {} {}", uid, index, finger), [&] {
+    return dev.ops_enroll(&dev, ACTION_START, uid, index,
+                          name != nullptr ? finger.data() : nullptr);
+  });
 }
 
 int Rig::verify(int uid, int index) {

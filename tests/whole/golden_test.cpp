@@ -99,12 +99,12 @@ class Scene {
       }
     };
   }
-  // UID INDEX NAME
+  // UID INDEX [NAME]
   std::string enroll(Words& words) {
     int uid = 0, index = 0;
     std::string name;
     std::getline(words >> uid >> index >> std::ws, name);
-    return " " + std::to_string(rig_.enroll(uid, index, name.c_str()));
+    return " " + std::to_string(rig_.enroll(uid, index, name.empty() ? nullptr : name.c_str()));
   }
   // UID INDEX
   std::string verify(Words& words) {
