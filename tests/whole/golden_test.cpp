@@ -155,17 +155,22 @@ class Scene {
     found.outcome = found.slots.empty() ? wrx_module::PowerUpOutcome::no_match
                                         : wrx_module::PowerUpOutcome::match;
   }
-  // Until MS after the power-up result was taken.
-  void age(int64_t ms) {
-    const timeval* taken = get_onekey_powerup_tv_time();
-    const int64_t taken_us = (taken->tv_sec - VirtualClock::kEpoch) * 1'000'000 + taken->tv_usec;
-    rig_.clock.sleep_us(taken_us + ms * 1000 - rig_.clock.now_us());
+  // Makes the power-up result MS old; below 0 the clock was set back after it.
+  void age(Words& words) {
+    int64_t ms = 0;
+    words >> ms;
+    const int64_t us = VirtualClock::kEpoch * 1'000'000 + rig_.clock.now_us() - ms * 1000;
+    *get_onekey_powerup_tv_time() = {us / 1'000'000, us % 1'000'000};
   }
-  // The module refuses a search that it had begun, MS from now.
-  void refuse_late(int64_t ms) {
-    rig_.clock.at(rig_.clock.now_us() + ms * 1000, [this] {
-      wrx_module::bus().locked([&] { rig_.device.say(std::vector<uint8_t>{27, 0}); });
-    });
+  // MS BYTE …: a response of the module's own accord.
+  void say_after(Words& words) {
+    int64_t ms = 0;
+    words >> ms;
+    std::vector<uint8_t> payload;
+    for (int byte = 0; words >> byte;)
+      payload.push_back(static_cast<uint8_t>(byte));
+    rig_.clock.at(rig_.clock.now_us() + ms * 1000,
+                  [this, payload] { wrx_module::bus().locked([&] { rig_.device.say(payload); }); });
   }
   template <typename Act>
   static std::function<void(Words&)> with_number(Act act) {
@@ -188,10 +193,10 @@ class Scene {
   const std::map<std::string, std::function<void(Words&)>> moments_ = {
       {"started", [](Words&) {}},
       {"started-again", [this](Words&) { rig_.close(), rig_.driver_init(), rig_.open(); }},
-      {"age", with_number([this](int ms) { age(ms); })},
+      {"age", [this](Words& words) { age(words); }},
+      {"say-after", [this](Words& words) { say_after(words); }},
       {"stop-after", with_number([this](int ms) { rig_.stop_at(ms); })},
       {"short-stop-after", with_number([this](int ms) { rig_.stop_at(ms, 50); })},
-      {"refuse-late", with_number([this](int ms) { refuse_late(ms); })},
       {"lose-handle-at", with_number([this](int transfer) { rig_.lose_handle_at(transfer); })},
       {"stop-flag", with_number([](int flag) { fp_set_ctrlFlag(flag); })},
   };
