@@ -48,6 +48,7 @@ TEST(Callbacks, EachAsATrace) {
   fp_set_ctrlFlag(FP_CONTROL_FLAG_TIMEOUT);
   EXPECT_EQ(rig.open(), 0);
   EXPECT_EQ(fp_get_ctrlFlag(), FP_CONTROL_FLAG_IDLE);
+  EXPECT_EQ(fp_get_device_num(), 1);
   capture();
   rig.close();
   EXPECT_EQ(rig.info().ctrlFlag, kStopIdle);
@@ -166,11 +167,13 @@ TEST(KeyFiles, EveryKeyPresentAbsentAndOddAsATrace) {
     rig.step("usb_dev_enable_autosuspend", usb_dev_enable_autosuspend);
     full.reset();
     const driver_info& info = rig.info();
-    lines.push_back(fmt::format(
-        "mode {}, reboot {}, autosuspend {} ({} attributes), budget {}, upgrade mode {}; {} errors",
-        info.mode_flag, info.reboot_flag, info.config.autosuspend_flag,
-        rig.trace.count("usb_dev_enable_autosuspend] echo"), info.config.upgrade_flag,
-        info.config.upgrade_mode, rig.trace.count("Error[")));
+    lines.push_back(
+        fmt::format("mode {}, reboot {}, autosuspend {} ({} attributes), upgrade mode {}, {} "
+                    "errors, budget {}: "
+                    "{}",
+                    info.mode_flag, info.reboot_flag, info.config.autosuspend_flag,
+                    rig.trace.count("usb_dev_enable_autosuspend] echo"), info.config.upgrade_mode,
+                    rig.trace.count("Error["), info.config.upgrade_flag, left));
     for (const char* file : {kHost, kExtra})
       lines.push_back("  left " + quoted(rig.read_file(file).c_str()));
     if (rig.file_exists(kLogFile)) rig.show_file(kLogFile);

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
+#include <array>
 #include <csignal>
 #include <thread>
 
@@ -129,8 +130,10 @@ TEST(Stop, WaitsTenMillisecondsAPassUpToItsLimitOrAnAnswer) {
     bio_set_dev_status(&rig.dev, row.status);
     if (row.answer != kStopRequested)
       rig.clock.at(rig.clock.now_us() + 45'000, [&] { rig.info().ctrlFlag = row.answer; });
-    EXPECT_EQ(rig.time_of([&] { rig.dev.ops_stop_by_user(&rig.dev, row.waiting_ms); }),
+    int result = -1;
+    EXPECT_EQ(rig.time_of([&] { result = rig.dev.ops_stop_by_user(&rig.dev, row.waiting_ms); }),
               row.waited_ms);
+    EXPECT_EQ(result, 0);
     EXPECT_EQ(rig.trace.saw("wrx7700_ops_stop_by_user] end."), row.answer == kStopRequested);
     EXPECT_EQ(fp_get_ctrlFlag(),
               row.status == DEVS_COMM_IDLE ? FP_CONTROL_FLAG_IDLE : FP_CONTROL_FLAG_STOPPED);
@@ -171,7 +174,11 @@ TEST(Waits, AreNotCutShortByTheHostsSignals) {
 }
 
 TEST(Procedures, RefuseNullRecordsAndPressesBeyondThem) {
+  VirtualClock clock;
   Recorder trace;
+  const std::array<uint8_t, 128> nobodys{};
+  EXPECT_EQ(fp_delete_invalid_template(nobodys.data()), 0) << "no index table";
+  trace.clear();
   EXPECT_EQ(fp_auto_enroll_param_init(nullptr, 21, 12), -1);
   EXPECT_EQ(fp_auto_identify_param_init(nullptr, 3, 0xFFFF, 1), -1);
   EXPECT_EQ(fp_get_increment_of_time_ms(nullptr), 0);
