@@ -57,11 +57,12 @@ wrx_plugin(wrx5300 "")
 # configuration files and a firmware image without touching the machine's own.
 wrx_plugin(wrx5300-scratch "${CMAKE_BINARY_DIR}/scratch")
 if(WRX_MUTATE)
-  # A library that can be replaced under the built tests; it calls its own functions.
+  # A library that can be replaced under the built tests; it calls its own functions, but for the one
+  # that they watch.
   wrx_driver_objects(wrx_driver_for_tests "." SHARED)
   # Quick to build, and without a word when a change leaves something unused.
   target_compile_options(wrx_driver_for_tests PRIVATE -fvisibility=default -O0 -w)
-  target_link_options(wrx_driver_for_tests PRIVATE -Wl,-Bsymbolic-functions -fuse-ld=gold)
+  target_link_options(wrx_driver_for_tests PRIVATE -Wl,-Bsymbolic-functions,--wrap=fp_set_ctrlFlag -fuse-ld=gold)
   target_precompile_headers(wrx_driver_for_tests PRIVATE
     <algorithm> <array> <atomic> <cstring> <memory> <span> <glib.h> <libusb-1.0/libusb.h>)
 else()

@@ -167,13 +167,12 @@ TEST(KeyFiles, EveryKeyPresentAbsentAndOddAsATrace) {
     rig.step("usb_dev_enable_autosuspend", usb_dev_enable_autosuspend);
     full.reset();
     const driver_info& info = rig.info();
-    lines.push_back(
-        fmt::format("mode {}, reboot {}, autosuspend {} ({} attributes), upgrade mode {}, {} "
-                    "errors, budget {}: "
-                    "{}",
-                    info.mode_flag, info.reboot_flag, info.config.autosuspend_flag,
-                    rig.trace.count("usb_dev_enable_autosuspend] echo"), info.config.upgrade_mode,
-                    rig.trace.count("Error["), info.config.upgrade_flag, left));
+    const int attributes = rig.trace.count("usb_dev_enable_autosuspend] echo");
+    const int errors = rig.trace.count("Error[");
+    lines.push_back(fmt::format("mode {}, reboot {}, autosuspend {} ({} attributes), budget {}: {}",
+                                info.mode_flag, info.reboot_flag, info.config.autosuspend_flag,
+                                attributes, info.config.upgrade_flag, read_fw_upgrade_flag()));
+    lines.push_back(fmt::format("  upgrade mode {}, {} errors", info.config.upgrade_mode, errors));
     for (const char* file : {kHost, kExtra})
       lines.push_back("  left " + quoted(rig.read_file(file).c_str()));
     if (rig.file_exists(kLogFile)) rig.show_file(kLogFile);
