@@ -139,16 +139,7 @@ void Recorder::clear() {
 }
 
 std::string quoted(const char* text) {
-  std::string result = "\"";
-  for (const char* c = text; *c != '\0'; ++c) {
-    if (*c == '\n' || *c == '\r') {
-      result += *c == '\n' ? "\\n" : "\\r";
-      continue;
-    }
-    if (*c == '"' || *c == '\\') result += '\\';
-    result += *c;
-  }
-  return result + "\"";
+  return fmt::format("{:?}", text);
 }
 
 namespace {
