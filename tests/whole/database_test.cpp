@@ -9,8 +9,8 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <optional>
 #include <set>
+#include <utility>
 
 #include "sweep/operations.h"
 #include "whole/remains.h"
@@ -35,13 +35,9 @@ class LosingDisk {
     active_ = true;
   }
   /// The files that are left, by path.
-  std::map<std::string, std::string> end() {
+  const std::map<std::string, std::string>& end() {
     active_ = false;
-    std::map<std::string, std::string> left;
-    for (const auto& [path, content] : kept_) {
-      if (content) left[path] = *content;
-    }
-    return left;
+    return kept_;
   }
   int writes() const { return writes_; }
 
@@ -61,27 +57,24 @@ class LosingDisk {
     if (!active_) return;
     if (!fs::is_directory(path)) {
       kept_[path] = content_of(path);
-      return;
+    } else {
+      for (const std::string& gone : std::exchange(removed_, {}))
+        kept_.erase(gone);
     }
-    for (const std::string& gone : removed_)
-      kept_[gone].reset();
-    removed_.clear();
   }
 
  private:
   static bool is_ours(const fs::path& path) {
     return path.filename().string().starts_with("feature.db");
   }
-  // A file that nobody wrote to is none.
-  static std::optional<std::string> content_of(const std::string& path) {
+  static std::string content_of(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::string content(std::istreambuf_iterator<char>(in), {});
-    return content.empty() ? std::nullopt : std::optional(content);
+    return {std::istreambuf_iterator<char>(in), {}};
   }
 
   bool active_ = false, names_are_synced_ = true;
   int at_write_ = 0, writes_ = 0;
-  std::map<std::string, std::optional<std::string>> kept_;
+  std::map<std::string, std::string> kept_;
   std::set<std::string> removed_;
 };
 
