@@ -211,6 +211,26 @@ constexpr char kExtraFolder[] = "etc/wrx6600/extra/";
 constexpr char kReboot[] = "ef01ffffffff01000bffc33c96694b52544d0447";
 constexpr int64_t kFlash = 2097152;
 
+// Whole: another implementation made the same trace.
+TEST(Upgrade, ForcedUpgradeAsOneTrace) {
+  const std::string difference = in_fresh_process([] {
+    wrx_module::Settings settings = Rig::instant();
+    settings.usb.out_cost_us = 125;
+    settings.usb.in_cost_us = 250;
+    Rig rig(settings);
+    rig.install_firmware("ACM32FP_V100", image_of(700));
+    rig.write_file(kExtraConfigFile,
+                   "# what this group is for\n\n[BASIC_PARAM]\n"
+                   "UpgradeMode=FORCE_UPGRADE\nUpgradeFlag=2\n");
+    rig.start();
+    rig.show_file(kExtraConfigFile);
+    rig.discover();
+    rig.step("get_upgrade_state", [] { return int{get_upgrade_state()}; });
+    return golden_difference("upgrade-forced", rig.trace.lines());
+  });
+  EXPECT_EQ(difference, "");
+}
+
 struct Row {
   std::string mode;
   int version;  // of the image; the module has 100
