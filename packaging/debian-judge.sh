@@ -93,13 +93,9 @@ judge_piuparts() {
     grep -q 'PASS: Installation, upgrade and purging' "$out/piuparts.log"
 }
 
-# The tests that come with the packages, in a root of their own with the packages installed.
-judge_autopkgtest() {
-  make_base || return 1
-  rm -rf "$out/autopkgtest" "$out/tree"
-  mkdir -p "$out/tree"
-  git -C "$source" ls-files -z -- . ':!fuzz' |
-    tar -C "$source" --null -T - -c | tar -C "$out/tree" -x || return 1
+# in_a_root SCRIPT ARGUMENT...: runs the script, which finds a fresh root file system in $root.
+in_a_root() {
+  # shellcheck disable=SC2016
   as_root unshare --mount --pid --fork bash -c '
     set -e
     root=$(mktemp -d)
@@ -108,9 +104,51 @@ judge_autopkgtest() {
     mount -t proc proc $root/proc
     mount --rbind /dev $root/dev
     mount -t tmpfs tmpfs $root/run
+    script=$2
+    shift 2
+    eval "$script"
+  ' sh "$base" "$@"
+}
+
+# The tests that come with the packages, in a root of their own with the packages installed.
+judge_autopkgtest() {
+  make_base || return 1
+  rm -rf "$out/autopkgtest" "$out/tree"
+  mkdir -p "$out/tree"
+  git -C "$source" ls-files -z -- . ':!fuzz' |
+    tar -C "$source" --null -T - -c | tar -C "$out/tree" -x || return 1
+  in_a_root 'nice -n 10 autopkgtest "$@" -- chroot "$root"' "${debs[@]}" "$out/tree/" \
+    --no-built-binaries --output-dir "$out/autopkgtest"
+}
+
+# What the administrator changed and whose fingers there are: an upgrade keeps both and asks nothing;
+# a purge forgets the fingers only when told to.
+judge_kept() {
+  make_base && make_previous || return 1
+  # shellcheck disable=SC2016
+  in_a_root '
+    mkdir "$root/new" "$root/old"
+    cp "$1"/*.deb "$root/old"
     shift
-    nice -n 10 autopkgtest "$@" -- chroot $root
-  ' sh "$base" "${debs[@]}" "$out/tree/" --no-built-binaries --output-dir "$out/autopkgtest"
+    cp "$@" "$root/new"
+    DEBIAN_FRONTEND=noninteractive chroot "$root" eatmydata sh -exc "
+      extra=/etc/biometric-auth/extra.conf.d/vestrel-m6600.conf
+      shared=/etc/biometric-auth/biometric-drivers.conf
+      state=/var/lib/wrxd
+      dpkg -i /old/*.deb
+      sed -i s/^UpgradeFlag=0/UpgradeFlag=7/ \$extra
+      echo [another] >>\$shared
+      mkdir \$state
+      touch \$state/features.db \$state/trace.log
+      dpkg -i /new/*.deb </dev/null
+      grep UpgradeFlag=7 \$extra
+      dpkg -P wrxd wrx5300-tools wrx5300-driver wrx5300-common
+      test -e \$state/features.db -a ! -e \$state/trace.log -a ! -e \$extra -a -e \$shared
+      dpkg -i /new/*.deb
+      echo wrxd wrxd/forget-fingers boolean true | debconf-set-selections
+      dpkg -P wrxd
+      test ! -e \$state"
+  ' "$out/previous/packages" "${debs[@]}"
 }
 
 failed=0
@@ -128,6 +166,7 @@ main() {
   verdict reproducible judge_reproducible
   if [ "$architecture" = "$(dpkg --print-architecture)" ]; then
     verdict piuparts judge_piuparts
+    verdict kept judge_kept
     verdict autopkgtest judge_autopkgtest
   fi
   [ "$failed" = 0 ]
