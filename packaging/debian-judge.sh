@@ -27,6 +27,7 @@ BASE_PACKAGES=(
   systemd dbus debconf fprintd libpam-fprintd eatmydata
   libfmt9 libglib2.0-0 libsdbus-c++1 libspng0 libsqlite3-0 libusb-1.0-0
   apt-utils dpkg-dev pamtester python3-dbus python3-dbusmock python3-gi python3-jsonschema
+  python3-pil python3-pytest python3-pytest-xdist
   umockdev gir1.2-umockdev-1.0
 )
 
