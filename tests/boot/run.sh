@@ -1,0 +1,33 @@
+#!/bin/bash
+# SPDX-License-Identifier: LGPL-2.1-or-later
+# The booted machine: a Debian guest with its own systemd, udev, logind, polkit, D-Bus and PAM, on
+# which the packages are installed and a finger is used. Green only when every scenario has passed.
+#
+#   run.sh [--arm64] [WORD…]         only the scenarios whose names contain one of these words
+#   run.sh [--arm64] --packages-only installs and downloads what the run needs, and no more
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+source=$(cd "$here/../.." && pwd)
+arch=amd64
+if [ "${1:-}" = --arm64 ]; then
+  arch=arm64
+  shift
+fi
+out=$source/build/boot/$arch
+. "$here/packages.sh"
+
+# shellcheck disable=SC2046,SC2086
+install_packages $BOOT_PACKAGES $(emulator_packages $arch)
+download_machine $arch "$out"
+[ "${1:-}" != --packages-only ] || exit 0
+ls "$source"/build/packages/wrxd_*_$arch.deb >/dev/null 2>&1 ||
+  "$source/dev" package --build-only $([ $arch = amd64 ] || echo --$arch)
+
+# The image stays until something that it is made from changes.
+made_from=$(cat "$here/make-image.sh" "$here"/guest/*.service "$out/root.packages" | sha256sum)
+if [ "$made_from" != "$(cat "$out/made-from" 2>/dev/null)" ] || [ ! -e "$out/disk" ]; then
+  rm -f "$out/made-from"
+  "$here/make-image.sh" $arch "$out"
+  echo "$made_from" >"$out/made-from"
+fi
+exec python3 -B "$here/trial.py" $arch "$out" "$source/build/packages" "$@"
