@@ -54,13 +54,12 @@ Service::Service(const Options& options)
       bus_(sdbus::createSystemBusConnection()),
       clients_(*bus_, [this](const std::string& name) { reader_.leave(name); }),
       authority_(*bus_),
-      manager_(*bus_, [this] { last_use_ = EventLoop::Clock::now(); }),
+      manager_(*bus_, [this] { used(); }),
       sleep_(
           *bus_, [this](std::function<void()> quiet) { goToSleep(std::move(quiet)); },
-          [this] { wakeUp(); }),
-      last_use_(EventLoop::Clock::now()) {
+          [this] { wakeUp(); }) {
   reader_.onClaimChanged([this] {
-    last_use_ = EventLoop::Clock::now();
+    used();
     sleep_.hold(reader_.claimed());
     if (module_.idle()) trace_.rotate();
   });
@@ -107,7 +106,7 @@ void Service::lookForModule(const Job::Work& first) {
 
 void Service::found(bool present) {
   started_ = true;
-  last_use_ = EventLoop::Clock::now();
+  used();
   if (!present && object_ != nullptr) {
     if (asleep_ || operations_.returnExpected()) return;
     reader_.vanish();
@@ -148,22 +147,27 @@ bool Service::busy() const {
   return reader_.claimed() || clients_.busy() || !module_.idle() || !started_ || asleep_;
 }
 
+/// The time of having nothing to do begins anew.
+void Service::used() {
+  loop_.cancel(leaving_);
+  leaving_ = EventLoop::Timer{};
+}
+
+/// Only who has nothing to do looks at the clock: a held reader wakes nobody.
 void Service::watchIdleness() {
-  const auto now = EventLoop::Clock::now();
-  if (busy()) last_use_ = now;
-  const auto left = last_use_ + options_.idle_exit - now;
-  if (left <= left.zero()) return leave();
-  loop_.after(left, [this] { watchIdleness(); });
+  if (busy()) return used();
+  if (leaving_ == EventLoop::Timer{} && options_.idle_exit.count() > 0)
+    leaving_ = loop_.after(options_.idle_exit, [this] { leave(); });
 }
 
 /// Gives the name back first: who asks from now on starts the service anew. Calls that came before
 /// are still answered.
 void Service::leave() {
+  used();
   bus_->releaseName(kBusName);
   EventLoop::serve(*bus_);
   if (!busy()) return loop_.quit();
   bus_->requestName(kBusName);
-  loop_.after(options_.idle_exit, [this] { watchIdleness(); });
 }
 
 /// An upgrade has replaced the program: it makes way as soon as nobody uses it.
@@ -172,12 +176,12 @@ void Service::signalled(int signals) {
   if (read(signals, &signal, sizeof signal) != sizeof signal) return;
   if (signal.ssi_signo != SIGHUP) return loop_.quit();
   options_.idle_exit = kMakeWayTime;
-  watchIdleness();
+  used();
 }
 
 void Service::run(int signals) {
   loop_.watch(signals, [this, signals] { signalled(signals); });
-  if (options_.idle_exit.count() > 0) watchIdleness();
+  loop_.beforeWaiting([this] { watchIdleness(); });
   loop_.run(*bus_);
   loop_.unwatch(signals);
   // Whoever still waits is told, and nothing is begun any more.

@@ -48,6 +48,7 @@ class Service {
   void goToSleep(std::function<void()> quiet);
   void wakeUp();
   bool busy() const;
+  void used();
   void watchIdleness();
   void leave();
   void signalled(int signals);
@@ -69,7 +70,7 @@ class Service {
   std::unique_ptr<HotPlug> hot_plug_;
   std::unique_ptr<Control> control_;
   std::unique_ptr<DeviceObject> object_;
-  EventLoop::Clock::time_point last_use_;
+  EventLoop::Timer leaving_{};  // none while somebody is served
   bool started_ = false;
   bool asleep_ = false;
 };

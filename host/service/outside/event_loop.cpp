@@ -58,7 +58,9 @@ void EventLoop::run(sdbus::IConnection& bus) {
     runPosted();
     runTimers();
     serve(bus);
-    if (!quitting_) wait(bus);
+    if (quitting_) break;
+    settled_();
+    wait(bus);
   }
   runPosted();
   serve(bus);

@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace wrx::service {
@@ -33,9 +34,13 @@ class EventLoop {
   /// Ends the watch; allowed while its own action runs.
   void unwatch(int descriptor);
 
-  /// Calls `action` once, that much later. A timer that ran or was cancelled may be cancelled.
+  /// Calls `action` once, that much later. A timer that ran or was cancelled may be cancelled, and
+  /// so may Timer{}, which is none.
   Timer after(Clock::duration delay, Action action);
   void cancel(Timer timer);
+
+  /// Calls `settled` each time when all that came has been served, before the loop waits for more.
+  void beforeWaiting(Action settled) { settled_ = std::move(settled); }
 
   /// Serves until quit(). Before it returns, what is on its way to the bus is sent.
   void run(sdbus::IConnection& bus);
@@ -61,6 +66,7 @@ class EventLoop {
   std::map<int, Action> watched_;
   std::map<Timer, Due> timers_;
   Timer last_timer_ = 0;
+  Action settled_ = [] {};
   bool quitting_ = false;
 };
 
