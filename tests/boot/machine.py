@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """The guest: an emulator, its serial console, its first screen and a root shell."""
 
-import pathlib
 import re
 import shlex
 import socket
@@ -13,6 +12,7 @@ EMULATORS = {
     "amd64": ("qemu-system-x86_64", "-machine", "q35", "-cpu", "max", "-accel", "tcg,thread=multi"),
     "arm64": ("qemu-system-aarch64", "-machine", "virt", "-cpu", "cortex-a57", "-accel", "tcg,thread=multi"),
 }
+BOOT_LIMIT = 240  # seconds; a free machine needs a twelfth of it
 CONSOLES = {"amd64": "ttyS0", "arm64": "ttyAMA0"}
 
 
@@ -35,14 +35,18 @@ def until(seconds, what, holds):
 class Line:
     """A serial line of the guest; all that came is kept in a file."""
 
-    def __init__(self, path, log):
+    def __init__(self, name):
         self.socket = socket.socket(socket.AF_UNIX)
-        until(10, f"the emulator's {path.name}", lambda: self.socket.connect_ex(str(path)) == 0)
-        self.log = open(log, "wb", buffering=0)
+        until(10, f"the emulator's {name}", lambda: self.socket.connect_ex(name) == 0)
+        self.log = open(name + ".log", "wb", buffering=0)
         self.text = ""
 
     def send(self, text):
         self.socket.sendall(text.encode())
+
+    def forget(self):
+        """Drops what came so far."""
+        self.text = ""
 
     def expect(self, pattern, seconds=30):
         """Waits for the pattern, and drops what came up to its end."""
@@ -75,34 +79,35 @@ class Screen:
     def read(self):
         return self.machine.run("fold -w 80 /dev/vcs1")
 
+    def forget(self):
+        self.machine.run("printf '\\033[2J\\033[H' >/dev/tty1")
+
     def expect(self, pattern, seconds=30):
         """Waits until the screen shows the pattern, and wipes it."""
-        match = until(seconds, lambda: f"{pattern!r} on the screen: {self.read().strip()!r}",
-                      lambda: re.search(pattern, self.read(), re.S))
-        self.machine.run("printf '\\033[2J\\033[H' >/dev/tty1")
-        return match
+        until(seconds, lambda: f"{pattern!r} on the screen: {self.read()!r}",
+              lambda: re.search(pattern, self.read(), re.S))
+        self.forget()
 
 
 class Machine:
-    """A guest from its image; what happens in it is forgotten with it."""
+    """A guest from its image; what happens in it is forgotten with it. Its lines are sockets in the
+    current folder, whose own path may be longer than a socket's."""
 
-    def __init__(self, arch, image, disk, folder):
-        self.folder = pathlib.Path(folder)
+    def __init__(self, arch, image, disk):
         self.marks = 0
+        self.boot = ""
         self.console_name = CONSOLES[arch]
         emulator = [*EMULATORS[arch], "-smp", "2", "-m", "1024", "-nodefaults", "-display", "none",
                     "-kernel", image / "kernel", "-initrd", image / "initramfs",
-                    "-append", f"root=/dev/vda rw console={CONSOLES[arch]} quiet panic=-1 oops=panic",
+                    "-append", f"root=/dev/vda rw console={CONSOLES[arch]} quiet loglevel=1 panic=-1 oops=panic",
                     "-drive", f"file={image / 'disk'},format=raw,if=virtio,snapshot=on,cache=unsafe",
                     "-drive", f"file={disk},format=raw,if=virtio,readonly=on",
-                    "-chardev", f"socket,id=console,path={self.folder / 'console'},server=on,wait=off",
+                    "-chardev", "socket,id=console,path=console,server=on,wait=off",
                     "-serial", "chardev:console", "-device", "virtio-serial",
-                    "-chardev", f"socket,id=shell,path={self.folder / 'shell'},server=on,wait=off",
+                    "-chardev", "socket,id=shell,path=shell,server=on,wait=off",
                     "-device", "virtconsole,chardev=shell"]
         self.process = subprocess.Popen(emulator, stdin=subprocess.DEVNULL)
-        self.console = Line(self.folder / "console", self.folder / "console.log")
-        self.shell = Line(self.folder / "shell", self.folder / "shell.log")
-        self.screen = Screen(self)
+        self.console, self.shell, self.screen = Line("console"), Line("shell"), Screen(self)
 
     def __enter__(self):
         return self
@@ -111,30 +116,36 @@ class Machine:
         self.process.kill()
         self.process.wait()
 
-    def booted(self, seconds):
-        """Waits for the log-in prompt and the root shell."""
-        self.console.expect("machine login: ", seconds)
-        end = time.monotonic() + seconds
-        while True:  # the line is there before the one who reads it
-            self.shell.send("echo ready-$((40 + 2))\n")
+    def booted(self):
+        """Waits for the root shell of another boot than the last one, and for all that boots."""
+        def anew():
+            self.shell.forget()
+            self.shell.send("echo boot=$(cat /proc/sys/kernel/random/boot_id)=\n")
             try:
-                self.shell.expect("ready-42\n", 2)
-                break
+                boot = self.shell.expect(r"boot=(\S{36})=\n", 3)[1]
             except Failed:
-                if time.monotonic() > end:
-                    raise
-        self.shell.text = ""
-        self.run("stty -F /dev/tty1 sane; export TERM=dumb DEBIAN_FRONTEND=noninteractive")
+                return False
+            changed, self.boot = boot != self.boot, boot
+            return changed
 
-    def run(self, command, *, code=0, seconds=60):
-        """Runs the command as root: what it wrote. Another exit code is a failure; None takes any."""
+        until(BOOT_LIMIT, "a root shell", anew)
+        self.run("systemctl is-system-running --wait; stty -F /dev/tty1 sane; "
+                 "mkdir /run/trial && tar -C /run/trial -xf /dev/vdb", seconds=BOOT_LIMIT)
+
+    def _run(self, command, seconds=90):
         self.marks += 1
-        self.shell.send(f"eval {shlex.quote(command)} </dev/null 2>&1; echo \"<{self.marks}:$?>\"\n")
-        end = self.shell.expect(rf"^(.*?)<{self.marks}:(\d+)>\n", seconds)
-        if code is not None and int(end[2]) != code:
-            raise Failed(f"{command}: exit code {end[2]}, not {code}: {end[1].strip()[-1500:]}")
-        return end[1].strip()
+        self.shell.send(f"echo '<{self.marks}'; eval {shlex.quote(command)} </dev/null 2>&1; "
+                        f"echo \":{self.marks}:$?>\"\n")
+        end = self.shell.expect(rf"<{self.marks}\n(.*?):{self.marks}:(\d+)>\n", seconds)
+        return end[1].strip(), int(end[2])
+
+    def run(self, command, *, code=0, seconds=90):
+        """Runs the command as root: what it wrote. Another exit code is a failure; None takes any."""
+        text, got = self._run(command, seconds)
+        if code not in (None, got):
+            raise Failed(f"{command}: exit code {got}, not {code}: {text[-1500:]}")
+        return text
 
     def holds(self, command):
         """Whether the command ends with 0."""
-        return self.run(command + "\necho \":$?\"").endswith(":0")
+        return self._run(command)[1] == 0

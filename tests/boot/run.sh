@@ -20,8 +20,17 @@ out=$source/build/boot/$arch
 install_packages $BOOT_PACKAGES $(emulator_packages $arch)
 download_machine $arch "$out"
 [ "${1:-}" != --packages-only ] || exit 0
-ls "$source"/build/packages/wrxd_*_$arch.deb >/dev/null 2>&1 ||
+
+# The packages stay until something newer than they goes into them.
+packages=$source/build/packages
+built=$(find "$packages" -name "wrxd_*_$arch.deb" 2>/dev/null)
+newer() {
+  git -C "$source" ls-files -z | grep -zvE '^(tests|bench|fuzz|docs|\.ci)/|^[^/]*\.md$' |
+    (cd "$source" && xargs -0 sh -c 'find "$@" -newer "$0" 2>/dev/null' "$built")
+}
+if [ -z "$built" ] || [ -n "$(newer)" ]; then
   "$source/dev" package --build-only $([ $arch = amd64 ] || echo --$arch)
+fi
 
 # The image stays until something that it is made from changes.
 made_from=$(cat "$here/make-image.sh" "$here"/guest/*.service "$out/root.packages" | sha256sum)
@@ -30,4 +39,4 @@ if [ "$made_from" != "$(cat "$out/made-from" 2>/dev/null)" ] || [ ! -e "$out/dis
   "$here/make-image.sh" $arch "$out"
   echo "$made_from" >"$out/made-from"
 fi
-exec python3 -B "$here/trial.py" $arch "$out" "$source/build/packages" "$@"
+exec python3 -B "$here/trial.py" $arch "$out" "$packages" "$@"

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """Boots the machine and goes through the scenarios: trial.py ARCHITECTURE IMAGE PACKAGES [WORD...]"""
 
+import os
 import pathlib
 import re
 import shutil
@@ -14,7 +15,6 @@ import machine
 import scenarios
 
 HERE = pathlib.Path(__file__).parent
-BOOT_LIMIT = 180  # seconds; on a free machine less than a tenth of it, emulated Arm a third
 
 
 def newer(package, folder, work):
@@ -45,55 +45,49 @@ def make_disk(arch, packages, path):
                 disk.add(program, program.name)
 
 
+def try_out(guest, needed, name, scenario):
+    """Whether it passed, and whether the next one can be tried."""
+    since = time.monotonic()
+    try:
+        scenario(guest)
+        print(f"PASS {name} ({time.monotonic() - since:.1f} s)", flush=True)
+        return True, True
+    except machine.Failed as failure:
+        print(f"FAIL {name} ({time.monotonic() - since:.1f} s)\n     {failure}", flush=True)
+    try:
+        journal = guest.run("journalctl -b --no-pager -o short-monotonic")
+        pathlib.Path(f"journal-{scenario.__name__}.log").write_text(journal, encoding="utf-8")
+        lines = [line for line in journal.splitlines() if "vhci_hcd" not in line]
+        print("     | " + "\n     | ".join(lines[-25:]), flush=True)
+        if not needed:
+            scenarios.start_over(guest)
+        return False, not needed
+    except machine.Failed as failure:
+        print(f"     the others cannot go on: {failure}")
+        return False, False
+
+
 def main():
     arch, image, packages, *words = sys.argv[1:]
     image, begun = pathlib.Path(image), time.monotonic()
     folder = image / "run"
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir()
+    os.chdir(folder)
     make_disk(arch, pathlib.Path(packages), folder / "packages.tar")
     passed = failed = 0
-    with machine.Machine(arch, image, folder / "packages.tar", folder) as guest:
-        guest.booted(BOOT_LIMIT)
-        guest.run("mkdir -p /run/trial; tar -C /run/trial -xf /dev/vdb")
+    with machine.Machine(arch, image, folder / "packages.tar") as guest:
+        guest.booted()
         print(f"     booted after {time.monotonic() - begun:.0f} s", flush=True)
         for needed, name, scenario in scenarios.SCENARIOS:
             if not needed and words and not any(word in name for word in words):
                 continue
-            since = time.monotonic()
-            try:
-                scenario(guest)
-                passed += 1
-                print(f"PASS {name} ({time.monotonic() - since:.1f} s)", flush=True)
-            except machine.Failed as failure:
-                failed += 1
-                print(f"FAIL {name} ({time.monotonic() - since:.1f} s)\n     {failure}", flush=True)
-                show_journal(guest, folder / f"journal-{scenario.__name__}.log")
-                if needed or not recovered(guest):
-                    break
-    print(f"{passed} passed, {failed} failed ({time.monotonic() - begun:.0f} seconds)")
-    sys.exit(failed > 0 or passed == 0)
-
-
-def show_journal(guest, path):
-    """Keeps the journal, and shows its end."""
-    try:
-        text = guest.run("journalctl -b --no-pager -o short-monotonic")
-    except machine.Failed as failure:
-        text = f"no journal: {failure}"
-    path.write_text(text)
-    lines = [line for line in text.splitlines() if "vhci_hcd" not in line]
-    print("     | " + "\n     | ".join(lines[-25:]), flush=True)
-
-
-def recovered(guest):
-    """After a failure: ann's console as the next scenario expects it."""
-    try:
-        scenarios.start_over(guest)
-        return True
-    except machine.Failed as failure:
-        print(f"     the others cannot go on: {failure}")
-        return False
+            good, go_on = try_out(guest, needed, name, scenario)
+            passed, failed = passed + good, failed + (not good)
+            if not go_on:
+                break
+    print(f"     {time.monotonic() - begun:.0f} s in all\n{passed} passed, {failed} failed")
+    sys.exit(failed > 0)
 
 
 if __name__ == "__main__":
