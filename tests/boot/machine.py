@@ -8,9 +8,8 @@ import subprocess
 import time
 
 EMULATORS = {
-    # TCG always: a machine that offers KVM to guests inside of it may hang them.
-    "amd64": ("qemu-system-x86_64", "-machine", "q35", "-cpu", "max", "-accel", "tcg,thread=multi"),
-    "arm64": ("qemu-system-aarch64", "-machine", "virt", "-cpu", "cortex-a57", "-accel", "tcg,thread=multi"),
+    "amd64": ("qemu-system-x86_64", "-machine", "q35", "-cpu", "max"),
+    "arm64": ("qemu-system-aarch64", "-machine", "virt", "-cpu", "cortex-a57"),
 }
 BOOT_LIMIT = 240  # seconds; a free machine needs a twelfth of it
 CONSOLES = {"amd64": "ttyS0", "arm64": "ttyAMA0"}
@@ -90,18 +89,19 @@ class Screen:
 
 
 class Machine:
-    """A guest from its image; what happens in it is forgotten with it. Its lines are sockets in the
-    current folder, whose own path may be longer than a socket's."""
+    """A guest whose image lies in the folder above; what happens in it is forgotten with it. Its
+    lines are sockets in the current folder, whose own path may be longer than a socket's."""
 
-    def __init__(self, arch, image, disk):
+    def __init__(self, arch):
         self.marks = 0
         self.boot = ""
         self.console_name = CONSOLES[arch]
-        emulator = [*EMULATORS[arch], "-smp", "2", "-m", "1024", "-nodefaults", "-display", "none",
-                    "-kernel", image / "kernel", "-initrd", image / "initramfs",
-                    "-append", f"root=/dev/vda rw console={CONSOLES[arch]} quiet loglevel=1 panic=-1 oops=panic",
-                    "-drive", f"file={image / 'disk'},format=raw,if=virtio,snapshot=on,cache=unsafe",
-                    "-drive", f"file={disk},format=raw,if=virtio,readonly=on",
+        # TCG always: a machine that offers KVM to guests inside of it may hang them.
+        emulator = [*EMULATORS[arch], "-accel", "tcg,thread=multi", "-smp", "2", "-m", "1024",
+                    "-nodefaults", "-display", "none", "-kernel", "../kernel", "-initrd", "../initramfs",
+                    "-append", f"root=/dev/vda rw console={CONSOLES[arch]} quiet loglevel=1",
+                    "-drive", "file=../disk,format=raw,if=virtio,snapshot=on,cache=unsafe",
+                    "-drive", "file=disk.tar,format=raw,if=virtio,readonly=on",
                     "-chardev", "socket,id=console,path=console,server=on,wait=off",
                     "-serial", "chardev:console", "-device", "virtio-serial",
                     "-chardev", "socket,id=shell,path=shell,server=on,wait=off",

@@ -67,7 +67,6 @@ add_users() {
     as_root useradd --prefix "$root" -m -s /bin/bash -p "$hash" $name
   done
   echo 'ann ALL=(ALL) ALL' | as_root tee "$root/etc/sudoers.d/ann" >/dev/null
-  echo 'Defaults !lecture' | as_root tee -a "$root/etc/sudoers.d/ann" >/dev/null
 }
 
 add_settings() {
@@ -76,14 +75,11 @@ add_settings() {
   as_root ln -s ../shell.service "$root/etc/systemd/system/multi-user.target.wants/shell.service"
   # The root shell's line is no console, and a machine on trial has no housekeeping to do.
   local unit
-  for unit in serial-getty@hvc0.service {apt-daily,apt-daily-upgrade,dpkg-db-backup,e2scrub_all}.timer \
-    fstrim.timer e2scrub_reap.service systemd-networkd-wait-online.service; do
+  for unit in serial-getty@hvc0.service {apt-daily,apt-daily-upgrade,dpkg-db-backup}.timer; do
     as_root ln -sf /dev/null "$root/etc/systemd/system/$unit"
   done
   echo machine | as_root tee "$root/etc/hostname" >/dev/null
   echo '127.0.0.1 localhost machine' | as_root tee "$root/etc/hosts" >/dev/null
-  echo '/dev/vda / ext4 rw 0 0' | as_root tee "$root/etc/fstab" >/dev/null
-  : | as_root tee "$root/etc/machine-id" >/dev/null
 }
 
 as_root rm -rf "$root" "$initramfs"

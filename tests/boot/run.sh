@@ -39,4 +39,18 @@ if [ "$made_from" != "$(cat "$out/made-from" 2>/dev/null)" ] || [ ! -e "$out/dis
   "$here/make-image.sh" $arch "$out"
   echo "$made_from" >"$out/made-from"
 fi
-exec python3 -B "$here/trial.py" $arch "$out" "$packages" "$@"
+
+# A disk that is a tar file: the packages, a later version of them, and the guest's programs.
+rm -rf "$out/run"
+mkdir -p "$out"/run/disk/{packages,newer}
+cp "$here"/guest/*.py "$out/run/disk"
+for deb in "$packages"/*_{$arch,all}.deb; do
+  case $deb in *-dbgsym_*) continue ;; esac
+  cp "$deb" "$out/run/disk/packages"
+  dpkg-deb -R "$deb" "$out/run/later"
+  sed -i 's/^Version: .*/&+later/; s/(= [^)]*/&+later/g' "$out/run/later/DEBIAN/control"
+  dpkg-deb --root-owner-group -Znone -b "$out/run/later" "$out/run/disk/newer" >/dev/null
+  rm -rf "$out/run/later"
+done
+tar -C "$out/run/disk" -cf "$out/run/disk.tar" .
+exec python3 -B "$here/trial.py" $arch "$out" "$@"
