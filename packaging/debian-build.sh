@@ -19,12 +19,15 @@ copy_tree() {
     tar -C "$source" --null -T - -c | tar -C "$1" -x
 }
 
-# A compiler cache of the packages' own, where the machine has one and the user can reach it.
+# A compiler cache of the packages' own, where the machine has one and the user can reach it. Its
+# CCACHE_BASEDIR would change the names in the debug symbols, so the tree has a fixed place instead.
 use_cache() {
-  local cache=$source/build/packages-ccache
+  local cache=$source/build/packages-ccache tree=$source/build/packages-tree
   command -v ccache >/dev/null && mkdir -p "$cache" && chmod 1777 "$cache" &&
     "${as[@]}" test -w "$cache" || return 0
-  where+=("PATH=/usr/lib/ccache:$PATH" "CCACHE_DIR=$cache" "CCACHE_BASEDIR=$folder" CCACHE_NOHASHDIR=1)
+  rm -rf "$work" "$tree"
+  work=$tree
+  where+=("PATH=/usr/lib/ccache:$PATH" "CCACHE_DIR=$cache")
 }
 
 main() {
@@ -40,20 +43,19 @@ main() {
   [ "$architecture" = amd64 ] || profiles=cross,$profiles
   work=$(mktemp -d)
   trap 'rm -rf "$work"' EXIT
-  local out=$1 folder=$work/wrx5300-$version user=nobody jobs mask=022
+  local out=$1 name=wrx5300-$version user=nobody jobs mask=022 folder
   local where=(TZ=UTC LC_ALL=C.UTF-8 HOME=/nonexistent)
   jobs=$(nproc)
   if [ -n "$second" ]; then
-    folder=$work/a/longer/way/wrx5300 user=daemon jobs=1 mask=027
+    name=a/longer/way/wrx5300 user=daemon jobs=1 mask=027
     where=(TZ=Pacific/Kiritimati LC_ALL=fr_CH.UTF-8 LANGUAGE=fr HOME=/var/empty)
   fi
+  [ "$(id -u)" != 0 ] || as=(setpriv --reuid="$user" --regid="$(id -g "$user")" --clear-groups)
+  [ -n "$second" ] || use_cache
+  folder=$work/$name
   mkdir -p "$out"
   copy_tree "$folder"
-  if [ "$(id -u)" = 0 ]; then
-    chown -R "$user:" "$work"
-    as=(setpriv --reuid="$user" --regid="$(id -g "$user")" --clear-groups)
-  fi
-  [ -n "$second" ] || use_cache
+  [ "$(id -u)" != 0 ] || chown -R "$user:" "$work"
   (
     umask "$mask"
     cd "$folder"
