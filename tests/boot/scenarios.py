@@ -327,6 +327,8 @@ def upgrade(m):
 
 
 def reboot(m):
+    m.console.send("exit\n")  # of the nested log-in, whose end a reboot would wait for
+    m.console.expect("machine login: *$", SLOW)
     m.console.forget()
     m.shell.send("systemctl reboot\n")
     m.booted()
