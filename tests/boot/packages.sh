@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 # Debian packages of the booted machine, and how they are got. Sourced by the scripts beside it.
-. "$(dirname "${BASH_SOURCE[0]}")/../system/packages.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../../cmake/packages.sh"
 
 # Installed on the building machine, beside the emulator.
 BOOT_PACKAGES="mmdebstrap e2fsprogs kmod cpio python3 passwd"
