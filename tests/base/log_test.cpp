@@ -66,6 +66,13 @@ TEST_F(Log, AFailedWriteIsAnErrorUnlessItIsSwitchedOffAndTheConsoleHearsTheLine)
   EXPECT_EQ(wrx_print_log_time(bytes("x"), 1), -1);
   dup2(input, 0);
   close(input);
+  // The number of the file's descriptor is free after a line, and another's from then on.
+  WRX_LOG(kSite, "twice\n");
+  const int others = dup(0);
+  EXPECT_EQ(others, input);
+  WRX_LOG(kSite, "twice\n");
+  EXPECT_EQ(close(others), 0);
+  std::filesystem::remove(kLogFile);
   EXPECT_EQ(rig.read_file(kLogFile), "");
   EXPECT_EQ(wrx_print_log_time(bytes("x"), 1), 0);
   std::filesystem::remove_all("etc/wrx6600");
@@ -79,6 +86,8 @@ TEST_F(Log, AFailedWriteIsAnErrorUnlessItIsSwitchedOffAndTheConsoleHearsTheLine)
       "[wrx7700:#:wrx_print_log] the param is ERROR !!!",
       "[wrx7700:#:wrx_print_log_time] the param is ERROR !!!",
       "[wrx7700:#:wrx_print_log_time] the logfileFD not open, ERROR !!!",
+      "[unit:7:fn] twice",
+      "[unit:7:fn] twice",
       "/etc/wrx6600/extra/log_wrx.txt open fail ",
       "[unit:7:fn] a",
       "/etc/wrx6600/extra/log_wrx.txt open fail "};

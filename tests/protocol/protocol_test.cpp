@@ -125,6 +125,8 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
       CALL(fp_send_cmd(53, nullptr, 5, {64, 0, 0, 20})),  // read not once
       CALL(fp_read_invalid_pkg(1)),
       CALL(fp_set_mode("", 0)),
+      CALL(fp_read_and_parse_prot(1)),
+      CALL(fp_read_and_parse_prot(wrx::kMaxPacket)),
       CALL(read_fw_version()),  // no selection
       CALL(fp_set_chip_addr(0x01020304)),
       CALL(fp_read_sys_param()),
@@ -152,7 +154,7 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
          CALL(wrx7700_check_firmware_version(&rig.dev))});  // not due
   usb_dev_open(&rig.dev);
   rig.lose_handle_at(9);
-  steps({CALL(fp_onekey_powerup_identify(3, 1, 2, matches.data(), 10))});
+  steps({CALL(fp_onekey_powerup_identify(3, 1, 2, matches.data(), 0))});  // without a pause
   usb_dev_open(&rig.dev);
   rig.device.unplug();
   steps({CALL(fp_auto_enroll_start(0x1234, 9, 0xABCD)),
@@ -224,13 +226,17 @@ TEST(Procedures, BadArgumentsAsATrace) {
            // And what these return to good ones.
            CALL(fp_fill_msg_head(&head, 8, 0x1234)),
            CALL(fp_fill_msg_checksum(bytes, 300)),
+           CALL(fp_fill_msg_checksum(bytes, 1)),
            CALL(fp_resp_init(48)),
+           CALL(usb_set_autosuspend_flag(0)),
+           CALL(CRC16_X25(nullptr, 3)),
        }) {
     const int result = call();
     rig.trace.note(name + (" = " + std::to_string(result)));
   }
   EXPECT_EQ(golden_difference("bad-arguments", rig.trace.lines()), "");
   EXPECT_EQ(hex({bytes[300], bytes[301]}), "2ad4") << "300 * 255 modulo 65536";
+  EXPECT_EQ(hex({bytes[1], bytes[2]}), "00ff");
 }
 
 }  // namespace

@@ -261,6 +261,7 @@ struct Row {
 // the module was rebooted once for it; left alone means that nothing of the kind happened.
 std::string actual(const Row& row) {
   Rig rig;
+  rig.dev.dev_num = 1;  // as a service leaves it
   const wrx_module::Memory before = rig.device.memory();
   BootWire wire(rig);
   const std::string file = kExtraFolder + row.name() + ".bin";
