@@ -94,16 +94,17 @@ TEST(OneShotSwitches, SendTheirCommandAndOtherValuesNothing) {
               {"set_reboot: yes", wrx7700_set_reboot, 5809},
               {"set_reboot: no", wrx7700_set_reboot, 1}};
   std::vector<std::string> lines;
-  for (const auto& [what, call, flag] : rows) {
+  for (const auto& row : rows) {
     Rig rig;
     rig.configure();
-    rig.info().mode_flag = rig.info().reboot_flag = flag;
+    rig.info().mode_flag = rig.info().reboot_flag = row.flag;
     rig.trace.clear();
-    rig.step(what, [&] { return call(&rig.dev); });
+    const auto call = [&] { return row.call(&rig.dev); };
+    rig.step(row.what, call);
     usb_dev_open(&rig.dev);
-    rig.step(what + ", open already", [&] { return call(&rig.dev); });
+    rig.step(row.what + ", open already", call);
     rig.device.unplug();
-    rig.step(what + ", no module", [&] { return call(&rig.dev); });
+    rig.step(row.what + ", no module", call);
     std::ranges::copy(rig.trace.lines(), std::back_inserter(lines));
   }
   EXPECT_EQ(golden_difference("one-shot-switches", without_repeats(lines)), "");

@@ -230,6 +230,8 @@ TEST(Procedures, BadArgumentsAsATrace) {
            CALL(fp_resp_init(48)),
            CALL(usb_set_autosuspend_flag(0)),
            CALL(CRC16_X25(nullptr, 3)),
+           CALL(usb_dev_close()),
+           CALL(usb_dev_set_null()),
        }) {
     const int result = call();
     rig.trace.note(name + (" = " + std::to_string(result)));

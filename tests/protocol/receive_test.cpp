@@ -146,7 +146,7 @@ const Response kResponses[] = {
     {"enrolment: press", 49, {9, 3, 0}},
     {"enrolment: press 16 has no entry", 49, {9, 3, 16}},
     {"enrolment: press 255 has no entry", 49, {9, 1, 255}},
-    {"enrolment: capture without a press", 49, {9, 1}},
+    {"enrolment: press without its number", 49, {9, 3}},
     {"enrolment: duplicate check", 49, {39, 5}},
     {"enrolment: storing", 49, {0, 6, 9, 9}},
     {"enrolment: unknown stage", 49, {9, 7, 1}},

@@ -138,6 +138,7 @@ TEST(BootLink, OpeningsAndCommandsAsATrace) {
   }
   wrx_module::bus().refuse(Call::configuration_descriptor, LIBUSB_ERROR_IO);
   rig.step("endpoint: no configuration", endpoint);
+  std::fill(std::begin(upgrade_param.dev_sn), std::end(upgrade_param.dev_sn), uint8_t{0x77});
   rig.step("readSN", readSN);
   rig.step("readEFlash", [] { return readEFlash(0x12345, 255); });
   rig.step("erase", eraseEFlash);
