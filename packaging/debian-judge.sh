@@ -64,10 +64,8 @@ make_previous() {
 }
 
 judge_lintian() {
-  local tags
-  tags=$(lintian --allow-root -EviIL +pedantic "$packages/wrx5300_${version}_$architecture.changes" 2>&1)
-  echo "$tags"
-  ! grep -E '^[EWI]:' <<<"$tags" && grep -q 'Finished processing' <<<"$tags"
+  lintian --allow-root -EviIL +pedantic --fail-on error,warning,info \
+    "$packages/wrx5300_${version}_$architecture.changes"
 }
 
 judge_blhc() {
