@@ -67,6 +67,7 @@ TEST_F(Log, AFailedWriteIsAnErrorUnlessItIsSwitchedOffAndTheConsoleHearsTheLine)
   dup2(input, 0);
   close(input);
   // The number of the file's descriptor is free after a line, and another's from then on.
+  wrx_open_log_file();
   WRX_LOG(kSite, "twice\n");
   const int others = dup(0);
   EXPECT_EQ(others, input);

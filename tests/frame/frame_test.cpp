@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 
@@ -32,7 +33,9 @@ TEST(Callbacks, EachAsATrace) {
     rig.step("ops_capture", [&] { return dev.ops_capture(&dev, ACTION_START) == nullptr ? 0 : 1; });
   };
   dev.ops_feature_rename = reinterpret_cast<decltype(dev.ops_feature_rename)>(&rig);
+  std::memset(&dev.bioinfo, 0x11, sizeof dev.bioinfo);
   rig.configure();
+  EXPECT_EQ(dev.ops_configure, ops_configure);
   EXPECT_EQ(dev.ops_feature_rename, nullptr);
   EXPECT_EQ(dev.ops_status_changed_callback, nullptr);
   EXPECT_EQ(dev.usb_info.id_table, wrx7700_id_table);
@@ -182,8 +185,11 @@ TEST(KeyFiles, EveryKeyPresentAbsentAndOddAsATrace) {
     std::filesystem::remove(kLogFile);
   }
   rig.trace.clear();
-  std::filesystem::remove(kExtra);
   DRIVER_CONFIG_STRUCT config = {};
+  EXPECT_EQ(driver_config_init(&config), 0);
+  rig.trace.clear();
+  config = {};
+  std::filesystem::remove(kExtra);
   rig.step("driver_config_init", [&] { return driver_config_init(&config); });
   rig.step("read_fw_upgrade_flag", read_fw_upgrade_flag);
   std::ranges::copy(rig.trace.lines(), std::back_inserter(lines));

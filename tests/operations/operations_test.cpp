@@ -120,6 +120,7 @@ TEST(Stop, WaitsTenMillisecondsAPassUpToItsLimitOrAnAnswer) {
   } rows[] = {{DEVS_COMM_IDLE, 3000, kStopIdle, 0},
               {DEVS_CLEAN_DOING, 5000, kStopRequested, 3000},  // is none
               {DEVS_CLEAN_DOING, 95, kStopRequested, 100},
+              {DEVS_CLEAN_DOING, 11, kStopRequested, 20},
               {DEVS_CLEAN_DOING, 0, kStopRequested, 0},
               {DEVS_CLEAN_DOING, 3000, kStopIdle, 50},
               {DEVS_CLEAN_DOING, 3000, kStopAcknowledged, 50},
@@ -165,11 +166,15 @@ TEST(Stop, FromAThreadOfItsOwnInRealTime) {
 }
 
 TEST(Waits, AreNotCutShortByTheHostsSignals) {
+  Rig rig;
+  rig.ready();
+  rig.clock.retire();
+  bio_set_dev_status(&rig.dev, DEVS_CLEAN_DOING);
   signal(SIGALRM, [](int) {});
   const itimerval often = {{0, 2000}, {0, 2000}};
   setitimer(ITIMER_REAL, &often, nullptr);
   const int64_t start_us = wrx::monotonic_us();
-  wrx::pause_ms(30);
+  rig.dev.ops_stop_by_user(&rig.dev, 30);
   EXPECT_GE(wrx::monotonic_us() - start_us, 30'000);
 }
 

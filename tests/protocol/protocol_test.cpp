@@ -114,6 +114,8 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
   std::memset(&fp_device_param.auto_identify_param, 0x5A, sizeof(FP_AUTOIDENTIFY_PARAM_STRUCT));
   std::memset(&fp_device_param.auto_enroll_param, 0x5A, sizeof(FP_AUTOENROLL_PARAM_STRUCT));
   const std::string longest(64, '\0');
+  uint8_t one_byte[] = {0xEF};
+  int32_t moved = 0;
   steps({
       CALL(fp_auto_enroll_start(0x1234, 9, 0xABCD)),
       CALL(fp_auto_enroll(50)),
@@ -125,6 +127,7 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
       CALL(fp_send_cmd(53, nullptr, 5, {64, 0, 0, 20})),  // read not once
       CALL(fp_read_invalid_pkg(1)),
       CALL(fp_set_mode("", 0)),
+      CALL(usb_send_data(one_byte, 1, &moved)),
       CALL(fp_read_and_parse_prot(1)),
       CALL(fp_read_and_parse_prot(wrx::kMaxPacket)),
       CALL(read_fw_version()),  // no selection
@@ -153,6 +156,9 @@ TEST(Procedures, ArgumentsAndRefusalsAsATrace) {
   steps({CALL(fp_onekey_powerup_identify(3, 1, 2, matches.data(), 10)),
          CALL(wrx7700_check_firmware_version(&rig.dev))});  // not due
   usb_dev_open(&rig.dev);
+  rig.play("refuse 50 27 x1");
+  steps({CALL(fp_onekey_powerup_identify(3, 1, 2, matches.data(), 10)),
+         CALL(wrx7700_ops_delete_invalid_feature(&rig.dev))});
   rig.lose_handle_at(9);
   steps({CALL(fp_onekey_powerup_identify(3, 1, 2, matches.data(), 0))});  // without a pause
   usb_dev_open(&rig.dev);
@@ -228,6 +234,9 @@ TEST(Procedures, BadArgumentsAsATrace) {
            CALL(fp_fill_msg_checksum(bytes, 300)),
            CALL(fp_fill_msg_checksum(bytes, 1)),
            CALL(fp_resp_init(48)),
+           CALL(fp_set_ctrlFlag(0)),
+           CALL(set_upgrade_state(0)),
+           CALL(enable_printf_log(0)),
            CALL(usb_set_autosuspend_flag(0)),
            CALL(CRC16_X25(nullptr, 3)),
            CALL(usb_dev_close()),

@@ -102,6 +102,10 @@ TEST_F(Parser, DumpsOnConsoleAndInTheLogAsATrace) {
     step("packet of " + std::to_string(payload), PROT_CMD_HANDSHAKE, packet(Bytes(payload, 0xAB)));
     rig.show_file(kLogFile);
   }
+  rig.write_file(kLogFile, "");
+  for (uint8_t stage = 0; stage < 7; ++stage)
+    step("enrolment, stage " + std::to_string(stage), PROT_CMD_AUTOENROLL, packet({9, stage, 1}));
+  rig.show_file(kLogFile);
   for (const size_t size : {100U, 128U, 130U}) {
     step("page of " + std::to_string(size), PROT_CMD_READINFOPAGE, packet(Bytes(size, 0x42), 8));
     const auto& page = fp_device_param.flash_info_page;

@@ -50,7 +50,8 @@ TEST_F(Transport, ExchangesAndTheirFailuresAsATrace) {
       {"announced: each byte", [] { return usb_prepare_read(0x123456); }},
   };
   // A context that cannot be had is asked for again at the next open.
-  bus().refuse(wrx_module::Call::init, LIBUSB_ERROR_OTHER, 2);
+  bus().refuse(wrx_module::Call::init, LIBUSB_ERROR_OTHER, 3);
+  rig.step("bench: no context", [] { return main_test(0, nullptr); });
   rig.step("init: no context", usb_dev_module_init);
   rig.step("open: no context", [&] { return open(); });
   rig.step("read: closed", read);

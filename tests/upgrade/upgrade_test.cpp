@@ -138,6 +138,8 @@ TEST(BootLink, OpeningsAndCommandsAsATrace) {
   }
   wrx_module::bus().refuse(Call::configuration_descriptor, LIBUSB_ERROR_IO);
   rig.step("endpoint: no configuration", endpoint);
+  wrx_module::bus().refuse(Call::device_descriptor, LIBUSB_ERROR_IO, 2);
+  rig.step("descriptor: none", [&] { return get_device_descriptor(&descriptor, &device); });
   std::fill(std::begin(upgrade_param.dev_sn), std::end(upgrade_param.dev_sn), uint8_t{0x77});
   rig.step("readSN", readSN);
   rig.step("readEFlash", [] { return readEFlash(0x12345, 255); });
@@ -374,6 +376,7 @@ TEST(Upgrade, RefusalsAndFilesAsATrace) {
   rig.write_file(std::string(kExtraFolder) + "trv_fw.conf", "");
   rig.step("read_fw_version, empty", read_fw_version);
   EXPECT_STREQ(upgrade_new_firmware_version(), "") << "what an earlier start selected is forgotten";
+  EXPECT_STREQ(upgrade_new_firmware_name(), "");
   select();
   rig.step("read_fw_version", read_fw_version);
   rig.step("rm_firmware_file", rm_firmware_file);
