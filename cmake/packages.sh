@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-# Debian packages of the Arm build and the system test, and how they are got. Sourced by
-# the scripts of both.
+# Debian packages of the cross builds and the emulated machines, and how they are got. Sourced.
 
 # Installed on the building machine.
 BUILD_PACKAGES="g++-aarch64-linux-gnu qemu-user-static ninja-build cmake pkg-config dpkg-dev python3

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// frame/ is what the framework sees: the entry point, the device record, the configuration, the
-// lifecycle callbacks. It is the top floor: it starts the other rooms and calls operations/ and
-// upgrade/, and nothing below knows of it. All callbacks run on the framework's operation thread,
-// except wrx7700_ops_stop_by_user, which may come from another.
+// frame/ is what the framework sees: the entry point, the device record, the configuration
+// and the lifecycle callbacks. It is the top floor: it starts the other rooms and calls operations/
+// and upgrade/, and nothing below knows of it. All callbacks run on the framework's operation
+// thread, except wrx7700_ops_stop_by_user, which may come from another.
 #pragma once
 
 #include <glib.h>

@@ -20,7 +20,7 @@ constexpr T* shared(const T* value) {
 
 // The same of what a callback returns.
 template <class Callback>
-void set(Callback& callback, const char* (*function)(bio_dev*)) {
+void set_text_callback(Callback& callback, const char* (*function)(bio_dev*)) {
   callback = reinterpret_cast<Callback>(function);
 }
 
@@ -58,9 +58,9 @@ void set_callbacks(bio_dev* dev) {
   dev->ops_get_feature_list = wrx7700_ops_get_feature_list;
   dev->ops_feature_rename = nullptr;
   dev->ops_stop_by_user = wrx7700_ops_stop_by_user;
-  set(dev->ops_get_dev_status_mesg, wrx7700_ops_get_dev_status_mesg);
-  set(dev->ops_get_ops_result_mesg, wrx7700_ops_get_ops_result_mesg);
-  set(dev->ops_get_notify_mid_mesg, wrx7700_ops_get_notify_mid_mesg);
+  set_text_callback(dev->ops_get_dev_status_mesg, wrx7700_ops_get_dev_status_mesg);
+  set_text_callback(dev->ops_get_ops_result_mesg, wrx7700_ops_get_ops_result_mesg);
+  set_text_callback(dev->ops_get_notify_mid_mesg, wrx7700_ops_get_notify_mid_mesg);
   dev->ops_attach = wrx7700_ops_attach;
   dev->ops_detach = wrx7700_ops_detach;
 }

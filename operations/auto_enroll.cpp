@@ -116,15 +116,14 @@ int32_t fp_get_increment_of_time_ms(struct timeval* tv_old) {
     WRX_LOG(here(), "the param is error!!!\r\n");
     return 0;
   }
-  return static_cast<int32_t>(wrx::operations::elapsed_ms(*tv_old));
+  return static_cast<int32_t>(wrx::operations::elapsed_us(*tv_old) / 1000);
 }
 
-int64_t wrx::operations::elapsed_ms(const struct timeval& then) {
+int64_t wrx::operations::elapsed_us(const struct timeval& then) {
   struct timeval now {};
   gettimeofday(&now, nullptr);
-  const int64_t microseconds = (static_cast<int64_t>(now.tv_sec) - then.tv_sec) * 1000000 +
-                               (static_cast<int64_t>(now.tv_usec) - then.tv_usec);
-  return microseconds / 1000;
+  return (static_cast<int64_t>(now.tv_sec) - then.tv_sec) * 1000000 +
+         (static_cast<int64_t>(now.tv_usec) - then.tv_usec);
 }
 
 uint8_t fp_get_current_enroll_time(void) {

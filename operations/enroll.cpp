@@ -21,6 +21,7 @@ using wrx::operations::here;
 using wrx::operations::report;
 using wrx::operations::report_failed_wait;
 using wrx::operations::tell;
+using wrx::operations::tell_text;
 
 namespace {
 
@@ -39,7 +40,7 @@ struct Enrolment {
   bio_dev* dev;
   int32_t uid;
   int32_t index;
-  char* name;  ///< not written to; some frameworks take it so
+  char* name;  ///< never written to; some frameworks ask for it so
   int32_t timeout_ms;
   uint16_t slot;
 };
@@ -127,7 +128,7 @@ void tell_press(bio_dev* dev, wrx::CallSite site) {
   const uint8_t feature = fp_get_enroll_create_feature_result(press);
   if (feature != PROT_RESP_OK) {
     const BadPress& row = bad_press(feature);
-    wrx::operations::tell_text(dev, gettext(row.message));
+    tell_text(dev, gettext(row.message));
     if (&row == &kOtherBadPress) {
       WRX_LOG(site, row.logged, press, fp_get_enroll_result(press));
     } else {

@@ -26,7 +26,7 @@ namespace {
 
 constexpr int32_t kStalePackets = 5;
 constexpr int32_t kPowerupPollMs = 20;
-constexpr int64_t kPowerupLifeMs = 15000;  // a held result serves below this age
+constexpr int64_t kPowerupLifeUs = 15'000'000;  // a held result serves below this age
 constexpr uint32_t kPowerupPauseMs = 50;
 constexpr int32_t kNoTimeout = 0;
 constexpr int32_t kNoUser = -1;
@@ -97,9 +97,9 @@ void end_without_match(bio_dev* dev, const MatchOperation& operation) {
 // Takes the held result of the power-up press, if it is young enough, in place of a press. It is
 // used up or dropped in any case.
 bool take_powerup_result(Matches& matches) {
-  const int64_t age_ms = wrx::operations::elapsed_ms(*get_onekey_powerup_tv_time());
+  const int64_t age_us = wrx::operations::elapsed_us(*get_onekey_powerup_tv_time());
   // One from the future was taken before the clock was set back: nobody knows how long ago.
-  const bool young = get_onekey_powerup_flag() == 1 && age_ms >= 0 && age_ms < kPowerupLifeMs;
+  const bool young = get_onekey_powerup_flag() == 1 && age_us >= 0 && age_us < kPowerupLifeUs;
   if (young) {
     std::copy_n(get_onekey_powerup_search_id(),
                 std::clamp(get_onekey_powerup_search_num(), 0, wrx::kMaxMatches), matches.data());

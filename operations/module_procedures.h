@@ -47,7 +47,7 @@ uint8_t fp_get_store_template_result(void);
 uint8_t fp_get_enroll_create_feature_result(uint8_t enroll_time);
 /// Result of press `enroll_time` itself, 0 to 15; 0xFF for a number beyond.
 uint8_t fp_get_enroll_result(uint8_t enroll_time);
-/// Milliseconds since `tv_old`, towards zero.
+/// Milliseconds since `tv_old`, towards zero; in 32 bits, so below 0 from the 25th day on.
 int32_t fp_get_increment_of_time_ms(struct timeval* tv_old);
 
 // ---- automatic identification.
@@ -91,8 +91,7 @@ inline constexpr uint8_t kSecurityLevel = 3;
 inline constexpr uint16_t kWholeLibrary = 0xFFFF;
 inline constexpr uint16_t kIdentifyOption = 1;
 
-/// Milliseconds since `then` by the wall clock, towards zero; below 0 when that was set back since.
-/// Unlike fp_get_increment_of_time_ms it does not start over after 24 days.
-int64_t elapsed_ms(const struct timeval& then);
+/// Microseconds since `then` by the wall clock; below 0 when that was set back since.
+int64_t elapsed_us(const struct timeval& then);
 
 }  // namespace wrx::operations

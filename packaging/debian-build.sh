@@ -65,7 +65,7 @@ main() {
     tail -n 40 "$out/build-$architecture.log"
     return 1
   }
-  rm -f "$out"/*_"$architecture".deb
+  rm -f "$out"/*_{"$architecture",all}.deb
   install -m 644 "$(dirname "$folder")"/*.{deb,changes,buildinfo} "$out"
 }
 

@@ -27,7 +27,7 @@ BASE_PACKAGES=(
   systemd dbus debconf fprintd libpam-fprintd eatmydata
   libfmt9 libglib2.0-0 libsdbus-c++1 libspng0 libsqlite3-0 libusb-1.0-0
   apt-utils dpkg-dev pamtester python3-dbus python3-dbusmock python3-gi python3-jsonschema
-  python3-pil python3-pytest python3-pytest-xdist
+  python3-pil python3-pytest python3-pytest-xdist g++
   umockdev gir1.2-umockdev-1.0
 )
 
@@ -37,7 +37,7 @@ as_root() {
 
 make_base() {
   local wanted="${BASE_PACKAGES[*]}"
-  [ "$(cat "$out/base.packages" 2>/dev/null)" != "$wanted" ] || return 0
+  [ "$(cat "$out/base.packages" 2>/dev/null)" != "$wanted" ] || [ ! -e "$base" ] || return 0
   # Debian's archives, as this machine has them.
   apt-get indextargets --format '$(ORIGIN)|$(CREATED_BY)|deb $(REPO_URI) $(RELEASE) $(COMPONENT)' |
     sed -n 's/^Debian|Packages|//p' | sort -u >"$out/sources.list"
@@ -87,7 +87,9 @@ judge_piuparts() {
   printf '#!/bin/sh\necho "deb [trusted=yes] file:%s ./" >/etc/apt/sources.list.d/previous.list\n' \
     "$out/previous/packages" >"$out/hooks/post_chroot_unpack_previous"
   chmod 755 "$out/hooks/post_chroot_unpack_previous"
-  as_root nice -n 10 piuparts -b "$base" -d bookworm --keep-sources-list --fail-on-broken-symlinks \
+  # The folder is debconf's own, for asking before the installation.
+  as_root nice -n 10 piuparts -b "$base" -d "$(. /etc/os-release && echo "$VERSION_CODENAME")" \
+    --keep-sources-list --fail-on-broken-symlinks --ignore=/var/cache/debconf/tmp.ci \
     --scriptsdir="$out/hooks" --bindmount="$out/previous/packages" "${debs[@]}" &&
     grep -q 'PASS: Installation, upgrade and purging' "$out/piuparts.log"
 }
@@ -112,7 +114,7 @@ in_a_root() {
 # The tests that come with the packages, in a root of their own with the packages installed.
 judge_autopkgtest() {
   make_base || return 1
-  rm -rf "$out/autopkgtest" "$out/tree"
+  as_root rm -rf "$out/autopkgtest" "$out/tree"
   mkdir -p "$out/tree"
   git -C "$source" ls-files -z -- . ':!fuzz' |
     tar -C "$source" --null -T - -c | tar -C "$out/tree" -x || return 1

@@ -56,9 +56,6 @@ struct Command {
   Said received = {};                ///< when a response arrives
   void (*decode)(const Payload&, CallSite) = nullptr;
   bool accepted = true;  ///< a response marks the command as answered
-  /// A response that the decoder declined (it set the answer back to none) is a late one to
-  /// something else: reading goes on with the attempts that are left.
-  bool skips_late = false;
 };
 
 using Param = FP_DEVICE_PARAM_STRUCT;
@@ -114,8 +111,7 @@ inline constexpr Command kCommands[] = {
      .succeeded = printed("received PROT_RESP_OK."),
      .unanswered = kSendFailed,
      .received = lined("received PROT_CMD_READINDEXTABLE response.\r\n"),
-     .decode = decode_index_table,
-     .skips_late = true},
+     .decode = decode_index_table},
     {.code = PROT_CMD_CANCEL,
      .plan = {64, 20, 5, 20},
      .announced = logged("send PROT_CMD_CANCEL command.\n"),

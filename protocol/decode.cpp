@@ -51,6 +51,8 @@ void file_image(const uint8_t* data, std::size_t size, CallSite site) {
 
 namespace wrx::protocol {
 
+IndexTable index_table = IndexTable::none;
+
 void decode_system_parameters(const Payload& payload, CallSite site) {
   FP_SYS_PARAM_STRUCT& sys = fp_device_param.sys_param;
   payload.store(1, sys.sensor_type);
@@ -74,9 +76,12 @@ void decode_index_table(const Payload& payload, CallSite site) {
     WRX_LOG(site, "index table of %d bytes is too short, dropped.\r\n",
             static_cast<int>(payload.size()));
     // A late answer to something else is no page, least of all one that is free throughout.
-    if (payload.confirm() == PROT_RESP_OK) prot_packet_usb.current_resp_type = kNoAnswer;
+    if (payload.confirm() != PROT_RESP_OK || index_table == IndexTable::filed) return;
+    index_table = IndexTable::declined;
+    prot_packet_usb.current_resp_type = kNoAnswer;
     return;
   }
+  index_table = IndexTable::filed;
   std::memcpy(fp_device_param.index_table_info[page], payload.at(1), kIndexPageSize);
   dump(payload.at(1), kIndexPageSize, kIndexDump);
 }

@@ -3,10 +3,17 @@
 // results in fp_device_param and say them under the name of the decoder that called them.
 #pragma once
 
+#include <cstdint>
+
 #include "base/log.h"
 #include "protocol/payload.h"
 
 namespace wrx::protocol {
+
+/// What came of the index table since it was last set to none: a late response to something else,
+/// which was declined, or the page, which stands whatever else comes with it.
+enum class IndexTable : uint8_t { none, declined, filed };
+extern IndexTable index_table;
 
 void decode_system_parameters(const Payload& payload, CallSite site);
 void decode_valid_count(const Payload& payload, CallSite site);

@@ -62,7 +62,7 @@ int32_t fp_set_ctrlFlag(int32_t ctrlFlag);
 int32_t fp_get_ctrlFlag(void);
 
 /// Stores whether the state record holds a power-up result (1) or not (0). 0. Also called by the
-/// operations, which take the result or drop it.
+/// operations, which file a result, take it or drop it.
 int32_t set_onekey_powerup_flag(uint8_t flag);
 
 }  // extern "C"

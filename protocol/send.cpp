@@ -5,11 +5,13 @@
 #include "base/log.h"
 #include "base/pause.h"
 #include "base/units.h"
-#include "protocol/command_set.h"
+#include "protocol/decoders.h"
 #include "protocol/packet.h"
 #include "transport/usb_device.h"
 
 using wrx::protocol::here;
+using wrx::protocol::index_table;
+using wrx::protocol::IndexTable;
 
 namespace {
 
@@ -42,18 +44,11 @@ int32_t send_packet(uint8_t cmd_code, const uint8_t* buf, int32_t len) {
                        &written);
 }
 
-// Whether the packet just completed was a late response to something else.
-bool late(uint8_t cmd_code) {
-  const wrx::protocol::Command* row = wrx::protocol::find_command(cmd_code);
-  return row != nullptr && row->skips_late && prot_packet_usb.current_resp_cmd == cmd_code &&
-         prot_packet_usb.current_resp_type == wrx::kNoAnswer;
-}
-
-// Reads until a packet was completed that is not late. 0 or -1.
+// Reads until a packet was completed, and one that is no late response to something else. 0 or -1.
 int32_t await_response(uint8_t cmd_code, const RECV_DATA_STRUCT& plan) {
   for (uint16_t attempt = 0; attempt < plan.cycle_times; ++attempt) {
     fp_resp_init(cmd_code);
-    if (fp_read_and_parse_prot(plan.recv_len) == 0 && !late(cmd_code)) return 0;
+    if (fp_read_and_parse_prot(plan.recv_len) == 0 && index_table != IndexTable::declined) return 0;
     wrx::pause_ms(plan.cycle_ms);
   }
   return -1;
@@ -103,6 +98,7 @@ int32_t fp_resp_init(uint8_t cmd_code) {
   prot_packet_usb.current_cmd_code = cmd_code;
   prot_packet_usb.current_resp_cmd = 0;
   prot_packet_usb.current_resp_type = wrx::kNoAnswer;
+  index_table = IndexTable::none;
   return 0;
 }
 

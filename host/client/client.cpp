@@ -80,7 +80,8 @@ host::Outcome Client::operate(const std::string& prompt,
     operation(device());
   });
   const Outcome ended = outcome();
-  const bool silent = ended == Outcome::TimedOut || ended == Outcome::Failed || monitor_.full();
+  const bool silent = ended == Outcome::TimedOut || ended == Outcome::Failed || monitor_.full() ||
+                      monitor_.silent();
   return silent && moduleIsGone() ? Outcome::Absent : ended;
 }
 

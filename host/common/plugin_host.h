@@ -40,8 +40,9 @@ class PluginHost {
   /// the device is idle. From another thread than the operation's.
   void stop();
 
-  /// Whether the driver's last exchange with the module brought no answer; false for a plug-in that
-  /// does not tell. On the thread of the operation, where the driver announces something.
+  /// Whether the last command that the driver could send to the module brought no answer; false for
+  /// a plug-in that does not tell. On the thread of the operation, where the driver announces
+  /// something.
   bool unanswered() const;
 
   /// An exported function of the plug-in. Throws Failure when it has none of this name.

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+//
+// A file descriptor that is closed by its owner.
 #pragma once
 
 #include <unistd.h>

@@ -31,6 +31,8 @@ download_kernel() {
   local kernel
   kernel=$(apt-cache depends "linux-image-$1:$1" | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p')
   [ -n "$kernel" ] || { echo "no $1 kernel package is known here" >&2; return 1; }
+  # One kernel, the newest.
+  find "$2" -name 'linux-image-*' ! -name "${kernel%:*}_*" -delete 2>/dev/null || true
   # shellcheck disable=SC2086
   download_packages "$1" "$2" "${kernel%:*}" $UNPACKED_PACKAGES
 }
@@ -53,6 +55,10 @@ emulated() {
 # when it is to have other packages.
 download_machine() {
   local wanted
+  if ! { dpkg --print-architecture && dpkg --print-foreign-architectures; } | grep -qx "$1"; then
+    as_root dpkg --add-architecture "$1"
+    as_root apt-get update -qq
+  fi
   wanted=$(echo $MACHINE_PACKAGES)
   mkdir -p "$2"
   download_kernel "$1" "$2/debs"

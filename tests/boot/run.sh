@@ -6,6 +6,7 @@
 #   run.sh [--arm64] [WORD…]         only the scenarios whose names contain one of these words
 #   run.sh [--arm64] --packages-only installs and downloads what the run needs, and no more
 set -euo pipefail
+PATH=$PATH:/usr/sbin:/sbin
 here=$(cd "$(dirname "$0")" && pwd)
 source=$(cd "$here/../.." && pwd)
 arch=amd64
@@ -33,7 +34,7 @@ if [ -z "$built" ] || [ -n "$(newer)" ]; then
 fi
 
 # The image stays until something that it is made from changes.
-made_from=$(cat "$here/make-image.sh" "$here"/guest/*.service "$out/root.packages" | sha256sum)
+made_from=$(cat "$here/make-image.sh" "$here"/guest/*.service "$out/root.packages" <(ls "$out/debs") | sha256sum)
 if [ "$made_from" != "$(cat "$out/made-from" 2>/dev/null)" ] || [ ! -e "$out/disk" ]; then
   rm -f "$out/made-from"
   "$here/make-image.sh" $arch "$out"

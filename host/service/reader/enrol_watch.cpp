@@ -41,7 +41,8 @@ EnrolWatch::EnrolWatch(std::function<void(Press)> pressed, std::function<void()>
 
 void EnrolWatch::hear(const std::string& text) {
   if (text == gettext(texts::kEnrolStarted)) started_ = true;
-  // The driver says the same of a module without a free slot and of one that does not tell.
+  // The driver says the same of a module without a free slot, of one that does not tell, and of a
+  // user with ten fingers, for whom it asked the module nothing but which templates it has.
   if (text == gettext(texts::kFull)) (unanswered_() ? silent_ : full_) = true;
   if (text == gettext(texts::kDuplicate)) {
     // Once presses of the right finger were taken, another finger's is only a slip.

@@ -142,7 +142,8 @@ void Operations::enrol(Job& job, int uid, int finger, const std::function<void(P
       if (verdict.ending != Ending::Failed && verdict.ending != Ending::Full) return tell(verdict);
     }
     // Of a module that was pulled out the driver says that it is full.
-    if (verdict.ending == Ending::Full && discover()) return tell(verdict);
+    if (verdict.ending == Ending::Full)
+      return tell(discover() ? verdict : Verdict{Ending::Disconnected, -1});
     return tell(lost());
   }
 }
