@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-2.1-or-later
-# Builds the Debian packages from a copy of the tree, as a user who is not root.
+# Builds the Debian packages, and their source package, from a copy of the tree, as a user who is not
+# root.
 #   debian-build.sh [--arm64] [--check] [--second] OUT
-#     --arm64   cross-builds for 64-bit Arm instead
+#     --arm64   cross-builds for 64-bit Arm instead, without the source package
 #     --check   runs the tests too
 #     --second  in another folder, as another user, at another time of another zone, in another
 #               language, with another umask and one compiler at a time
@@ -31,10 +32,10 @@ use_cache() {
 }
 
 main() {
-  local architecture=amd64 cross=() second='' options=nocheck profiles=nocheck as=()
+  local architecture=amd64 build=full cross=() second='' options=nocheck profiles=nocheck as=()
   while [ $# -gt 1 ]; do
     case $1 in
-      --arm64) cross=(-aarm64) architecture=arm64 ;;
+      --arm64) cross=(-aarm64) architecture=arm64 build=binary ;;
       --check) options='' profiles='' ;;
       --second) second=yes ;;
     esac
@@ -60,13 +61,13 @@ main() {
     umask "$mask"
     cd "$folder"
     nice -n 10 "${as[@]}" env "${where[@]}" DEB_BUILD_OPTIONS="parallel=$jobs $options" \
-      dpkg-buildpackage --build=binary "${cross[@]}" --build-profiles="$profiles" --no-sign
+      dpkg-buildpackage --build=$build "${cross[@]}" --build-profiles="$profiles" --no-sign
   ) >"$out/build-$architecture.log" 2>&1 || {
     tail -n 40 "$out/build-$architecture.log"
     return 1
   }
   rm -f "$out"/*_{"$architecture",all}.deb
-  install -m 644 "$(dirname "$folder")"/*.{deb,changes,buildinfo} "$out"
+  find "$(dirname "$folder")" -maxdepth 1 -type f -exec install -m 644 -t "$out" {} +
 }
 
 main "$@"
