@@ -89,7 +89,7 @@ judge_piuparts() {
   chmod 755 "$out/hooks/post_chroot_unpack_previous"
   # The folder is debconf's own, for asking before the installation.
   as_root nice -n 10 piuparts -b "$base" -d "$(. /etc/os-release && echo "$VERSION_CODENAME")" \
-    --keep-sources-list --fail-on-broken-symlinks --ignore-regex=/var/cache/debconf/tmp.ci/? \
+    --keep-sources-list --fail-on-broken-symlinks '--ignore-regex=/var/cache/debconf/tmp.ci/?' \
     --scriptsdir="$out/hooks" --bindmount="$out/previous/packages" "${debs[@]}" &&
     grep -q 'PASS: Installation, upgrade and purging' "$out/piuparts.log"
 }
