@@ -225,8 +225,9 @@ std::string golden_difference(const std::string& name, std::vector<std::string> 
   if (std::endian::native == std::endian::big) {
     // Records are shown as they lie in memory, and the files come from the other kind of machine.
     for (std::vector<std::string>* side : {&lines, &expected})
-      std::erase_if(*side,
-                    [](const std::string& line) { return line.find(" record ") != line.npos; });
+      std::erase_if(*side, [](const std::string& line) {
+        return (" " + line).find(" record ") != line.npos;
+      });
   }
   const auto [got, wanted] =
       std::mismatch(lines.begin(), lines.end(), expected.begin(), expected.end());
