@@ -42,7 +42,7 @@ constexpr auto verify = [](Rig& rig) { rig.verify(); };
 constexpr auto identify = [](Rig& rig) { rig.identify(); };
 constexpr auto search = [](Rig& rig) { rig.search(); };
 constexpr auto enroll = [](Rig& rig) { rig.enroll(); };
-constexpr auto start = [](Rig& rig) { rig.start(); };
+constexpr auto start = [](Rig& rig) { rig.close(), rig.start(); };
 constexpr auto clean = [](Rig& rig) {
   rig.store({Rig::kUser, 0, {20, 21}});
   rig.store({Rig::kUser, 1, {22}});
